@@ -1,0 +1,29 @@
+# What a deployment and a developer choose.
+
+set(KEYFOLD_EMAIL_DOMAIN "@orvane.example" CACHE STRING "Appended to a login name to make the e-mail address")
+set(KEYFOLD_HELP_URL "https://help.orvane.example/certificates" CACHE STRING "Address of the help article")
+set(KEYFOLD_CERTIFICATE_AUTHORITY "" CACHE FILEPATH
+    "The certificate authority's certificate (DER); empty: a demonstration authority is made")
+option(KEYFOLD_WITH_QT "Build what shows windows" ON)
+set(KEYFOLD_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+
+add_library(keyfold_settings INTERFACE)
+target_compile_options(keyfold_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Wold-style-cast
+  -Werror -fstack-protector-strong)
+target_compile_definitions(keyfold_settings INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_link_options(keyfold_settings INTERFACE -Wl,-z,relro,-z,now)
+if(KEYFOLD_SANITIZE)
+  target_compile_options(keyfold_settings INTERFACE -fsanitize=${KEYFOLD_SANITIZE} -fno-omit-frame-pointer
+                         -fno-sanitize-recover=all)
+  target_link_options(keyfold_settings INTERFACE -fsanitize=${KEYFOLD_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+endif()
+
+# One place for everything that is built to run, so that programs find libraries and the bundle.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")

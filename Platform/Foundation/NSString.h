@@ -1,0 +1,152 @@
+// Strings of UTF-16 units with 8-bit or 16-bit storage.
+//
+// The width is fixed when a string is made: 8-bit storage holds ISO 8859-1,
+// 16-bit storage UTF-16. Every operation gives the same answer for equal text
+// in either width; only CFStringGetCharactersPtr tells them apart.
+#pragma once
+
+#include "Foundation/NSObject.h"
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+enum NSStringEncoding : std::uint32_t {
+    NSASCIIStringEncoding = 1,
+    NSUTF8StringEncoding = 4,
+    NSISOLatin1StringEncoding = 5,
+    NSMacOSRomanStringEncoding = 30,
+};
+
+enum NSComparisonResult : NSInteger {
+    NSOrderedAscending = -1,
+    NSOrderedSame = 0,
+    NSOrderedDescending = 1,
+};
+
+class NSArray;
+
+/// Immutable text. Safe to read from any thread.
+class NSString : public NSObject {
+public:
+    /// The empty string; always the same object.
+    static Ref<NSString> string();
+    /// Text from UTF-8, 8-bit storage where every character is ISO 8859-1,
+    /// else 16-bit. Nil where `text` is no well-formed UTF-8.
+    static Ref<NSString> stringWithUTF8String(std::string_view text);
+    /// 16-bit storage, whatever the characters.
+    static Ref<NSString> stringWithCharacters(std::u16string_view characters);
+    /// 8-bit storage: each byte is one ISO 8859-1 character.
+    static Ref<NSString> stringWithLatin1(std::span<const std::uint8_t> bytes);
+    /// Decodes bytes; nil where they are not valid in the encoding.
+    static Ref<NSString> stringWithBytes(std::span<const std::uint8_t> bytes, NSStringEncoding encoding);
+    /// An immutable copy; the same object where `other` is immutable. Nil gives nil.
+    static Ref<NSString> stringWithString(const Ref<NSString>& other);
+    /// Text that is wiped from memory when its last reference goes: pass
+    /// phrases. Nil where `text` is no well-formed UTF-8.
+    static Ref<NSString> sensitiveStringWithUTF8String(std::string_view text);
+
+    /// Number of UTF-16 units.
+    CFIndex length() const noexcept { return length_; }
+    char16_t characterAtIndex(CFIndex index) const noexcept;
+    bool isWide() const noexcept { return wide_; }
+    virtual bool isMutable() const noexcept { return false; }
+
+    /// The text as UTF-8; empty optional where it holds an unpaired surrogate.
+    std::optional<std::string> UTF8String() const;
+    std::u16string characters() const;
+
+    bool isEqualToString(const Ref<NSString>& other) const noexcept { return isEqual(other.get()); }
+    /// Comparison by simple Unicode case folding, unit by unit. A nil
+    /// argument is never the same: the receiver is then NSOrderedDescending.
+    NSComparisonResult caseInsensitiveCompare(const Ref<NSString>& other) const;
+    Ref<NSString> stringByAppendingString(const Ref<NSString>& other) const;
+    /// The parts of a file path; an absolute path begins with the component "/".
+    Ref<NSArray> pathComponents() const;
+
+    bool isEqual(const NSObject* other) const noexcept override;
+    CFHashCode hash() const noexcept override;
+    Ref<NSString> description() const override;
+    const char* className() const noexcept override { return "NSString"; }
+
+    /// The storage, for the platform's own algorithms; valid while the string
+    /// lives and, for a mutable one, until its next change.
+    std::span<const std::uint8_t> latin1() const noexcept;
+    std::u16string_view utf16() const noexcept;
+
+    static void operator delete(void* memory);
+
+protected:
+    struct InlineStorage {};
+    NSString() noexcept = default;
+    NSString(InlineStorage, CFIndex length, bool wide, bool sensitive) noexcept;
+    ~NSString() override;
+
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, std::size_t extra);
+    static void operator delete(void* memory, std::size_t extra);
+
+    static Ref<NSString> allocate(CFIndex length, bool wide, bool sensitive);
+    void* inlineStorage() noexcept;
+
+    const void* storage_ = nullptr;
+    CFIndex length_ = 0;
+    mutable std::atomic<CFHashCode> cachedHash_{0};
+    bool wide_ = false;
+    bool sensitive_ = false;
+
+    friend Ref<NSString> CFStringCreateWithSubstring(const NSString* string, CFRange range);
+};
+
+/// Text that can change. One thread at a time.
+class NSMutableString final : public NSString {
+public:
+    static Ref<NSMutableString> string();
+    static Ref<NSMutableString> stringWithCapacity(NSUInteger capacity);
+    /// A mutable copy with the same width. Nil gives nil.
+    static Ref<NSMutableString> stringWithString(const Ref<NSString>& other);
+
+    bool isMutable() const noexcept override { return true; }
+    void appendString(const Ref<NSString>& other);
+    void appendCharacter(char16_t character);
+    void setString(const Ref<NSString>& other);
+    /// Raises NSRangeException where the range passes the end,
+    /// NSInvalidArgumentException where `replacement` is nil.
+    void replaceCharactersInRange(NSRange range, const Ref<NSString>& replacement);
+
+    CFHashCode hash() const noexcept override;
+    const char* className() const noexcept override { return "NSMutableString"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    NSMutableString() = default;
+    ~NSMutableString() override;
+    void widen();
+    void sync() noexcept;
+
+    std::basic_string<std::uint8_t> narrow_;
+    std::u16string wideText_;
+};
+
+using CFStringRef = Ref<NSString>;
+
+CFIndex CFStringGetLength(const NSString* string) noexcept;
+/// The string's own UTF-16 storage, or null for 8-bit storage. Borrowed.
+const char16_t* CFStringGetCharactersPtr(const NSString* string) noexcept;
+/// Copies the units of `range` into `buffer`, which must have room for them.
+void CFStringGetCharacters(const NSString* string, CFRange range, char16_t* buffer) noexcept;
+/// An immutable copy (the same object where it is immutable already); null on exhausted memory.
+Ref<NSString> CFStringCreateCopy(const NSString* string);
+/// The text of a range, in the width of `string`.
+Ref<NSString> CFStringCreateWithSubstring(const NSString* string, CFRange range);
+/// A 16-bit string.
+Ref<NSString> CFStringCreateWithCharacters(const char16_t* characters, CFIndex length);
+
+/// A constant of the program's own text (ASCII or UTF-8).
+Ref<NSString> operator""_ns(const char* text, std::size_t length);
+
+/// UTF-8 for messages and file names: unpaired surrogates become U+FFFD, nil becomes "(null)".
+std::string toUTF8(const NSString* string);
+inline std::string toUTF8(const Ref<NSString>& string) { return toUTF8(string.get()); }
