@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr OSSpinLock free = OS_SPINLOCK_INIT;
-constexpr OSSpinLock held = 1;
+constexpr OSSpinLock unlocked = OS_SPINLOCK_INIT;
+constexpr OSSpinLock locked = 1;
 // Somebody may sleep: whoever unlocks has to wake one.
 constexpr OSSpinLock contended = 2;
 
@@ -41,13 +41,13 @@ void futex(volatile OSSpinLock* lock, int operation, OSSpinLock value) noexcept
 [[gnu::noinline]] void lockContended(volatile OSSpinLock* lock) noexcept
 {
     for (int i = 0; i < spins; ++i) {
-        if (word(lock).load(std::memory_order_relaxed) == free && OSSpinLockTry(lock))
+        if (word(lock).load(std::memory_order_relaxed) == unlocked && OSSpinLockTry(lock))
             return;
         pauseCore();
     }
     // From here on the word says "contended" even if this thread turns out to
     // be the last one waiting; that costs at most one needless wake.
-    while (word(lock).exchange(contended, std::memory_order_acquire) != free)
+    while (word(lock).exchange(contended, std::memory_order_acquire) != unlocked)
         futex(lock, FUTEX_WAIT, contended);
 }
 
@@ -61,12 +61,12 @@ void OSSpinLockLock(volatile OSSpinLock* lock)
 
 bool OSSpinLockTry(volatile OSSpinLock* lock)
 {
-    OSSpinLock expected = free;
-    return word(lock).compare_exchange_strong(expected, held, std::memory_order_acquire, std::memory_order_relaxed);
+    OSSpinLock expected = unlocked;
+    return word(lock).compare_exchange_strong(expected, locked, std::memory_order_acquire, std::memory_order_relaxed);
 }
 
 void OSSpinLockUnlock(volatile OSSpinLock* lock)
 {
-    if (word(lock).exchange(free, std::memory_order_release) == contended) [[unlikely]]
+    if (word(lock).exchange(unlocked, std::memory_order_release) == contended) [[unlikely]]
         futex(lock, FUTEX_WAKE, 1);
 }
