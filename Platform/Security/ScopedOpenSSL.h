@@ -1,0 +1,63 @@
+// Owners of OpenSSL's objects, one named type for each. For source files only:
+// public headers name no OpenSSL type.
+#pragma once
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pkcs12.h>
+#include <openssl/provider.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <memory>
+
+namespace kf {
+
+/// Frees an object with the function that OpenSSL names for its type.
+template <auto release>
+struct OpenSSLDeleter {
+    template <class T>
+    void operator()(T* object) const noexcept
+    {
+        static_cast<void>(release(object));
+    }
+};
+
+/// Frees a stack with everything on it.
+template <class T, auto release>
+struct OpenSSLStackDeleter {
+    template <class Stack>
+    void operator()(Stack* stack) const noexcept
+    {
+        OPENSSL_sk_pop_free(
+            reinterpret_cast<OPENSSL_STACK*>(stack), [](void* item) { release(static_cast<T*>(item)); });
+    }
+};
+
+/// A BIO and every BIO behind it.
+using ScopedBIOChain = std::unique_ptr<BIO, OpenSSLDeleter<BIO_free_all>>;
+using ScopedEVP_MD = std::unique_ptr<EVP_MD, OpenSSLDeleter<EVP_MD_free>>;
+using ScopedEVP_MD_CTX = std::unique_ptr<EVP_MD_CTX, OpenSSLDeleter<EVP_MD_CTX_free>>;
+using ScopedEVP_PKEY = std::unique_ptr<EVP_PKEY, OpenSSLDeleter<EVP_PKEY_free>>;
+using ScopedEVP_PKEY_CTX = std::unique_ptr<EVP_PKEY_CTX, OpenSSLDeleter<EVP_PKEY_CTX_free>>;
+using ScopedPKCS8_PRIV_KEY_INFO = std::unique_ptr<PKCS8_PRIV_KEY_INFO, OpenSSLDeleter<PKCS8_PRIV_KEY_INFO_free>>;
+using ScopedPKCS12 = std::unique_ptr<PKCS12, OpenSSLDeleter<PKCS12_free>>;
+using ScopedX509 = std::unique_ptr<X509, OpenSSLDeleter<X509_free>>;
+using ScopedX509Stack = std::unique_ptr<STACK_OF(X509), OpenSSLStackDeleter<X509, X509_free>>;
+using ScopedX509_STORE = std::unique_ptr<X509_STORE, OpenSSLDeleter<X509_STORE_free>>;
+using ScopedX509_STORE_CTX = std::unique_ptr<X509_STORE_CTX, OpenSSLDeleter<X509_STORE_CTX_free>>;
+using ScopedOSSL_LIB_CTX = std::unique_ptr<OSSL_LIB_CTX, OpenSSLDeleter<OSSL_LIB_CTX_free>>;
+using ScopedOSSL_PROVIDER = std::unique_ptr<OSSL_PROVIDER, OpenSSLDeleter<OSSL_PROVIDER_unload>>;
+
+/// Takes out of the thread's error queue what was put there while it lives, so
+/// that a failure which we report ourselves is not taken for a later one.
+class OpenSSLErrorMark {
+public:
+    OpenSSLErrorMark() noexcept { ERR_set_mark(); }
+    ~OpenSSLErrorMark() { ERR_pop_to_mark(); }
+    OpenSSLErrorMark(const OpenSSLErrorMark&) = delete;
+    OpenSSLErrorMark& operator=(const OpenSSLErrorMark&) = delete;
+};
+
+} // namespace kf
