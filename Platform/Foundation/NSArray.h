@@ -51,6 +51,8 @@ public:
         bool operator!=(const Iterator& other) const;
 
     private:
+        void raiseIfMutated() const;
+
         const NSArray* array_;
         NSUInteger index_;
         NSUInteger mutations_;
@@ -63,7 +65,7 @@ protected:
     friend Ref<T> makeRef(Arguments&&...);
     friend Ref<NSArray> CFArrayCreate(const NSObject* const* values, CFIndex count, const CFArrayCallBacks* callBacks);
     NSArray() = default;
-    explicit NSArray(const CFArrayCallBacks& callBacks) noexcept : callBacks_(callBacks) {}
+    explicit NSArray(const CFArrayCallBacks& callBacks) noexcept : callBacks_(callBacks) { }
     ~NSArray() override;
 
     std::vector<const NSObject*> values_;

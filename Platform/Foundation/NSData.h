@@ -31,7 +31,7 @@ protected:
     template <class T, class... Arguments>
     friend Ref<T> makeRef(Arguments&&...);
     NSData() = default;
-    explicit NSData(std::vector<std::uint8_t> bytes) noexcept : bytes_(std::move(bytes)) {}
+    explicit NSData(std::vector<std::uint8_t> bytes) noexcept : bytes_(std::move(bytes)) { }
     ~NSData() override;
 
     std::vector<std::uint8_t> bytes_;

@@ -42,7 +42,7 @@ public:
 private:
     template <class T, class... Arguments>
     friend Ref<T> makeRef(Arguments&&...);
-    explicit NSDate(double seconds) noexcept : seconds_(seconds) {}
+    explicit NSDate(double seconds) noexcept : seconds_(seconds) { }
     ~NSDate() override;
 
     double seconds_;

@@ -3,8 +3,8 @@
 
 #include "Foundation/NSDictionary.h"
 
-extern const Ref<NSString> NSOSStatusErrorDomain;        // "NSOSStatusErrorDomain"
-extern const Ref<NSString> NSLocalizedDescriptionKey;    // "NSLocalizedDescription"
+extern const Ref<NSString> NSOSStatusErrorDomain;            // "NSOSStatusErrorDomain"
+extern const Ref<NSString> NSLocalizedDescriptionKey;        // "NSLocalizedDescription"
 extern const Ref<NSString> NSLocalizedFailureReasonErrorKey; // "NSLocalizedFailureReason"
 
 /// An immutable error: a domain, a code and a dictionary of details.

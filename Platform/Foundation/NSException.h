@@ -14,8 +14,8 @@ extern const Ref<NSString> NSInternalInconsistencyException;
 /// What is wrong, as an object; it travels inside NSRaisedException.
 class NSException final : public NSObject {
 public:
-    static Ref<NSException> exceptionWithName(const Ref<NSString>& name, const Ref<NSString>& reason,
-                                              const Ref<NSDictionary>& userInfo);
+    static Ref<NSException> exceptionWithName(
+        const Ref<NSString>& name, const Ref<NSString>& reason, const Ref<NSDictionary>& userInfo);
 
     const Ref<NSString>& name() const noexcept { return name_; }
     const Ref<NSString>& reason() const noexcept { return reason_; }
@@ -64,6 +64,6 @@ public:
     /// platform's own) and gives back the one before.
     static NSAssertionHandler* setCurrentHandler(NSAssertionHandler* handler) noexcept;
 
-    virtual void handleFailureInFunction(const Ref<NSString>& function, const Ref<NSString>& file,
-                                         NSInteger lineNumber, const Ref<NSString>& description);
+    virtual void handleFailureInFunction(const Ref<NSString>& function, const Ref<NSString>& file, NSInteger lineNumber,
+        const Ref<NSString>& description);
 };

@@ -12,19 +12,19 @@
 class NSFormatArgument {
 public:
     template <class T>
-        requires std::is_integral_v<T>
-    NSFormatArgument(T value) noexcept
+    requires std::is_integral_v<T> NSFormatArgument(T value)
+    noexcept
     {
         if constexpr (std::is_signed_v<T>)
             value_ = static_cast<std::int64_t>(value);
         else
             value_ = static_cast<std::uint64_t>(value);
     }
-    NSFormatArgument(double value) noexcept : value_(value) {}
-    NSFormatArgument(const char* text) noexcept : value_(text) {}
-    NSFormatArgument(const std::string& text) noexcept : value_(text.c_str()) {}
-    NSFormatArgument(std::nullptr_t) noexcept : value_(static_cast<const NSObject*>(nullptr)) {}
-    NSFormatArgument(const NSObject* object) noexcept : value_(object) {}
+    NSFormatArgument(double value) noexcept : value_(value) { }
+    NSFormatArgument(const char* text) noexcept : value_(text) { }
+    NSFormatArgument(const std::string& text) noexcept : value_(text.c_str()) { }
+    NSFormatArgument(std::nullptr_t) noexcept : value_(static_cast<const NSObject*>(nullptr)) { }
+    NSFormatArgument(const NSObject* object) noexcept : value_(object) { }
     template <class T>
     NSFormatArgument(const Ref<T>& object) noexcept : value_(static_cast<const NSObject*>(object.get()))
     {

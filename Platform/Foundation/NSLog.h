@@ -29,6 +29,5 @@ public:
     NSLogObserver& operator=(const NSLogObserver&) = delete;
 
 private:
-    struct Entry;
-    std::shared_ptr<Entry> entry_;
+    std::shared_ptr<const std::function<void(const std::string& line)>> receive_;
 };

@@ -25,7 +25,7 @@ public:
 private:
     template <class T, class... Arguments>
     friend Ref<T> makeRef(Arguments&&...);
-    explicit NSNumber(std::int64_t value) noexcept : integer_(value), real_(static_cast<double>(value)) {}
+    explicit NSNumber(std::int64_t value) noexcept : integer_(value), real_(static_cast<double>(value)) { }
     explicit NSNumber(double value) noexcept;
     ~NSNumber() override;
 

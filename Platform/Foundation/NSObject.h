@@ -56,6 +56,9 @@ public:
 
 protected:
     NSObject() noexcept = default;
+    /// For constants that the compiler lays down: a count that never reaches zero.
+    struct Immortal { };
+    explicit constexpr NSObject(Immortal) noexcept : retainCount_(std::uint32_t{1} << 30) { }
     virtual ~NSObject();
 
 private:

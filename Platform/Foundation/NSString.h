@@ -6,7 +6,11 @@
 #pragma once
 
 #include "Foundation/NSObject.h"
+#include "Foundation/SecretBytes.h"
+#include "Foundation/UnicodeConversion.h"
 
+#include <algorithm>
+#include <array>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,6 +31,13 @@ enum NSComparisonResult : NSInteger {
 
 class NSArray;
 
+namespace kf {
+template <std::size_t size>
+struct LiteralText;
+template <LiteralText text>
+class LiteralString;
+} // namespace kf
+
 /// Immutable text. Safe to read from any thread.
 class NSString : public NSObject {
 public:
@@ -44,7 +55,9 @@ public:
     /// An immutable copy; the same object where `other` is immutable. Nil gives nil.
     static Ref<NSString> stringWithString(const Ref<NSString>& other);
     /// Text that is wiped from memory when its last reference goes: pass
-    /// phrases. Nil where `text` is no well-formed UTF-8.
+    /// phrases. What is made of it (parts, joined text, mutable copies) is wiped
+    /// too, and its description, which formats and logs print, does not tell it.
+    /// Nil where `text` is no well-formed UTF-8.
     static Ref<NSString> sensitiveStringWithUTF8String(std::string_view text);
 
     /// Number of UTF-16 units.
@@ -58,7 +71,7 @@ public:
     std::u16string characters() const;
 
     bool isEqualToString(const Ref<NSString>& other) const noexcept { return isEqual(other.get()); }
-    /// Comparison by simple Unicode case folding, unit by unit. A nil
+    /// Comparison by simple Unicode case folding, character by character. A nil
     /// argument is never the same: the receiver is then NSOrderedDescending.
     NSComparisonResult caseInsensitiveCompare(const Ref<NSString>& other) const;
     Ref<NSString> stringByAppendingString(const Ref<NSString>& other) const;
@@ -78,24 +91,47 @@ public:
     static void operator delete(void* memory);
 
 protected:
-    struct InlineStorage {};
     NSString() noexcept = default;
-    NSString(InlineStorage, CFIndex length, bool wide, bool sensitive) noexcept;
+    /// Text that follows the object in its own memory.
+    NSString(const void* storage, CFIndex length, bool wide, bool sensitive) noexcept
+        : wide_(wide), sensitive_(sensitive), storage_(storage), length_(length)
+    {
+    }
+    /// A constant, whose text stands elsewhere for good.
+    constexpr NSString(Immortal immortal, const void* storage, CFIndex length, bool wide) noexcept
+        : NSObject(immortal), wide_(wide), storage_(storage), length_(length)
+    {
+    }
     ~NSString() override;
 
     static void* operator new(std::size_t size);
     static void* operator new(std::size_t size, std::size_t extra);
     static void operator delete(void* memory, std::size_t extra);
 
-    static Ref<NSString> allocate(CFIndex length, bool wide, bool sensitive);
-    void* inlineStorage() noexcept;
+    template <class Unit>
+    struct Allocated {
+        Ref<NSString> string;
+        Unit* units;
+    };
+    /// A string whose text the caller fills in before anyone else sees it.
+    template <class Unit>
+    static Allocated<Unit> allocate(CFIndex length, bool sensitive = false);
+    /// Text that is 8-bit where it can be.
+    static Ref<NSString> narrowest(std::u16string_view characters, bool sensitive);
+    CFHashCode computeHash() const noexcept;
 
+    // First, so that they lie in the padding behind the reference count.
+    bool wide_ = false;
+    bool sensitive_ = false;
     const void* storage_ = nullptr;
     CFIndex length_ = 0;
     mutable std::atomic<CFHashCode> cachedHash_{0};
-    bool wide_ = false;
-    bool sensitive_ = false;
 
+    template <kf::LiteralText text>
+    friend class kf::LiteralString;
+    friend class NSMutableString;
+    friend Ref<NSString> NSFormat(std::string_view format, std::initializer_list<class NSFormatArgument> arguments);
+    friend Ref<NSString> CFStringCreateCopy(const NSString* string);
     friend Ref<NSString> CFStringCreateWithSubstring(const NSString* string, CFRange range);
 };
 
@@ -125,9 +161,13 @@ private:
     ~NSMutableString() override;
     void widen();
     void sync() noexcept;
+    void replace(CFRange range, const NSString& replacement);
 
-    std::basic_string<std::uint8_t> narrow_;
-    std::u16string wideText_;
+    // Wiping: a copy of a sensitive string may grow and leave blocks behind.
+    template <class Unit>
+    using Units = std::vector<Unit, WipingAllocator<Unit>>;
+    Units<std::uint8_t> narrowText_;
+    Units<char16_t> wideText_;
 };
 
 using CFStringRef = Ref<NSString>;
@@ -144,8 +184,86 @@ Ref<NSString> CFStringCreateWithSubstring(const NSString* string, CFRange range)
 /// A 16-bit string.
 Ref<NSString> CFStringCreateWithCharacters(const char16_t* characters, CFIndex length);
 
-/// A constant of the program's own text (ASCII or UTF-8).
-Ref<NSString> operator""_ns(const char* text, std::size_t length);
+namespace kf {
+
+/// Source text of a string constant.
+template <std::size_t size>
+struct LiteralText {
+    consteval LiteralText(const char (&text)[size]) { std::copy_n(text, size, bytes); }
+    constexpr std::string_view view() const noexcept { return {bytes, size - 1}; }
+    char bytes[size];
+};
+
+/// A string constant's object: laid down by the compiler, the same one for
+/// equal text, there before any initialiser runs and after every destructor.
+template <LiteralText text>
+class LiteralString {
+public:
+    static Ref<NSString> reference() noexcept { return Ref<NSString>::retain(&storage_.string); }
+    /// The same without raising the count, for constant initialisation.
+    static constexpr Ref<NSString> constant() noexcept { return Ref<NSString>::adopt(&storage_.string); }
+
+private:
+    struct Decoded {
+        std::array<std::uint8_t, sizeof(text.bytes)> narrow{};
+        std::array<char16_t, sizeof(text.bytes)> wide{};
+        CFIndex length = 0;
+        bool isWide = false;
+
+        constexpr void push_back(char16_t unit)
+        {
+            const auto index = static_cast<std::size_t>(length++);
+            narrow[index] = static_cast<std::uint8_t>(unit & 0xFF);
+            wide[index] = unit;
+            isWide = isWide || unit > 0xFF;
+        }
+    };
+    static consteval Decoded decode()
+    {
+        Decoded decoded;
+        for (std::size_t index = 0; index < text.view().size();) {
+            const char32_t codePoint = nextCodePointOfUTF8(text.view(), index);
+            if (codePoint == invalidCodePoint)
+                throw "a string constant must be well-formed UTF-8";
+            appendUTF16(decoded, codePoint);
+        }
+        return decoded;
+    }
+    static constexpr Decoded decoded_ = decode();
+
+    static constexpr const void* units() noexcept
+    {
+        if (decoded_.isWide)
+            return decoded_.wide.data();
+        return decoded_.narrow.data();
+    }
+    // A union, so that no destructor runs at exit.
+    union Storage {
+        constexpr Storage() noexcept : string(NSObject::Immortal{}, units(), decoded_.length, decoded_.isWide) { }
+        ~Storage() { }
+        NSString string;
+    };
+    static constinit inline Storage storage_{};
+};
+
+} // namespace kf
+
+namespace kf {
+/// For string constants with a name, which other initialisers may use:
+/// `constinit const Ref<NSString> NSFoo = kf::constant<"NSFoo">();`
+template <LiteralText text>
+constexpr Ref<NSString> constant() noexcept
+{
+    return LiteralString<text>::constant();
+}
+} // namespace kf
+
+/// A constant of the program's own text (ASCII or UTF-8): the same object for the same text.
+template <kf::LiteralText text>
+Ref<NSString> operator""_ns() noexcept
+{
+    return kf::LiteralString<text>::reference();
+}
 
 /// UTF-8 for messages and file names: unpaired surrogates become U+FFFD, nil becomes "(null)".
 std::string toUTF8(const NSString* string);

@@ -15,10 +15,10 @@ template <class T>
 class Ref {
 public:
     constexpr Ref() noexcept = default;
-    constexpr Ref(std::nullptr_t) noexcept {}
+    constexpr Ref(std::nullptr_t) noexcept { }
 
     /// Takes over the one reference that the caller owns; `object` may be null.
-    [[nodiscard]] static Ref adopt(T* object) noexcept
+    [[nodiscard]] static constexpr Ref adopt(T* object) noexcept
     {
         Ref ref;
         ref.object_ = object;
@@ -38,20 +38,18 @@ public:
         if (object_)
             object_->retain();
     }
-    Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    constexpr Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) { }
 
     template <class U>
-        requires std::is_convertible_v<U*, T*>
-    Ref(const Ref<U>& other) noexcept : object_(other.get())
+    requires std::is_convertible_v<U*, T*> Ref(const Ref<U>& other)
+    noexcept : object_(other.get())
     {
         if (object_)
             object_->retain();
     }
     template <class U>
-        requires std::is_convertible_v<U*, T*>
-    Ref(Ref<U>&& other) noexcept : object_(other.leak())
-    {
-    }
+    requires std::is_convertible_v<U*, T*> Ref(Ref<U>&& other)
+    noexcept : object_(other.leak()) { }
 
     Ref& operator=(Ref other) noexcept
     {
@@ -59,7 +57,7 @@ public:
         return *this;
     }
 
-    ~Ref()
+    constexpr ~Ref()
     {
         if (object_)
             object_->release();
