@@ -3,6 +3,7 @@
 #include "Foundation/NSArray.h"
 #include "Foundation/NSException.h"
 #include "Foundation/StringHash.h"
+#include "Foundation/StringMemory.h"
 
 #include <bit>
 #include <cassert>
@@ -72,11 +73,12 @@ std::uint64_t hashNarrow(const std::uint8_t* bytes, std::size_t length) noexcept
         hasher.add(spread(static_cast<std::uint32_t>(eight)));
         hasher.add(spread(static_cast<std::uint32_t>(eight >> 32)));
     }
-    if (const std::size_t rest = length - index) {
+    if (index < length) {
         std::uint64_t last = 0;
-        std::memcpy(&last, bytes + index, rest);
+        for (std::size_t rest = length; rest-- > index;)
+            last = last << 8 | bytes[rest];
         hasher.add(spread(static_cast<std::uint32_t>(last)));
-        if (rest > 4)
+        if (length - index > 4)
             hasher.add(spread(static_cast<std::uint32_t>(last >> 32)));
     }
     return hasher.finish(length);
@@ -91,9 +93,10 @@ std::uint64_t hashWide(const char16_t* units, std::size_t length) noexcept
         std::memcpy(&four, units + index, 8);
         hasher.add(four);
     }
-    if (const std::size_t rest = length - index) {
+    if (index < length) {
         std::uint64_t last = 0;
-        std::memcpy(&last, units + index, rest * sizeof(char16_t));
+        for (std::size_t rest = length; rest-- > index;)
+            last = last << 16 | units[rest];
         hasher.add(last);
     }
     return hasher.finish(length);
@@ -146,10 +149,8 @@ std::span<const std::uint8_t> asBytes(std::string_view text) noexcept
 
 // Memory
 
-void* NSString::operator new(std::size_t size) { return ::operator new(size); }
-void* NSString::operator new(std::size_t size, std::size_t extra) { return ::operator new(size + extra); }
-void NSString::operator delete(void* memory) { ::operator delete(memory); }
-void NSString::operator delete(void* memory, std::size_t) { ::operator delete(memory); }
+void* NSString::operator new(std::size_t size) { return kf::allocateString(size); }
+void NSString::operator delete(void* memory) { kf::freeString(memory); }
 
 template <class Unit>
 NSString::Allocated<Unit> NSString::allocate(CFIndex length, bool sensitive)
@@ -158,7 +159,7 @@ NSString::Allocated<Unit> NSString::allocate(CFIndex length, bool sensitive)
     if (length > std::numeric_limits<CFIndex>::max() / 4)
         throw std::bad_alloc();
     const std::size_t bytes = static_cast<std::size_t>(length) * sizeof(Unit);
-    void* const memory = operator new(sizeof(NSString), bytes);
+    void* const memory = operator new(sizeof(NSString) + bytes);
     auto* const units = reinterpret_cast<Unit*>(static_cast<std::byte*>(memory) + sizeof(NSString));
     auto* const string = ::new (memory) NSString(units, length, sizeof(Unit) == sizeof(char16_t), sensitive);
     return {Ref<NSString>::adopt(string), units};
@@ -240,20 +241,6 @@ Ref<NSString> NSString::stringWithBytes(std::span<const std::uint8_t> bytes, NSS
 Ref<NSString> NSString::stringWithString(const Ref<NSString>& other) { return CFStringCreateCopy(other.get()); }
 
 // Reading
-
-std::span<const std::uint8_t> NSString::latin1() const noexcept
-{
-    if (wide_)
-        return {};
-    return {static_cast<const std::uint8_t*>(storage_), static_cast<std::size_t>(length_)};
-}
-
-std::u16string_view NSString::utf16() const noexcept
-{
-    if (!wide_)
-        return {};
-    return {static_cast<const char16_t*>(storage_), static_cast<std::size_t>(length_)};
-}
 
 char16_t NSString::characterAtIndex(CFIndex index) const noexcept
 {

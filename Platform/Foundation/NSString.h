@@ -85,8 +85,19 @@ public:
 
     /// The storage, for the platform's own algorithms; valid while the string
     /// lives and, for a mutable one, until its next change.
-    std::span<const std::uint8_t> latin1() const noexcept;
-    std::u16string_view utf16() const noexcept;
+    /// Each is empty where the string has the other width.
+    std::span<const std::uint8_t> latin1() const noexcept
+    {
+        if (wide_)
+            return {};
+        return {static_cast<const std::uint8_t*>(storage_), static_cast<std::size_t>(length_)};
+    }
+    std::u16string_view utf16() const noexcept
+    {
+        if (!wide_)
+            return {};
+        return {static_cast<const char16_t*>(storage_), static_cast<std::size_t>(length_)};
+    }
 
     static void operator delete(void* memory);
 
@@ -105,8 +116,6 @@ protected:
     ~NSString() override;
 
     static void* operator new(std::size_t size);
-    static void* operator new(std::size_t size, std::size_t extra);
-    static void operator delete(void* memory, std::size_t extra);
 
     template <class Unit>
     struct Allocated {
