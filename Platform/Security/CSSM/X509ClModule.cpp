@@ -1,0 +1,429 @@
+// The platform's certificate library: an X.509 certificate taken apart into
+// fields. It walks the outer structure and reads names and times where they
+// stand; the public key is handed out as bytes and never decoded, which is
+// where reading a certificate whole spends its time.
+#include "Security/CSSM/CssmModule.h"
+#include "Security/ScopedOpenSSL.h"
+#include "Security/cssmoids.h"
+#include "Security/x509defs.h"
+
+#include <array>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+namespace kf {
+
+namespace {
+
+using Span = std::span<const std::uint8_t>;
+
+enum : std::uint8_t {
+    tagInteger = 0x02,
+    tagBitString = 0x03,
+    tagObjectIdentifier = 0x06,
+    tagSequence = 0x30,
+    tagSet = 0x31,
+    tagVersion = 0xA0,
+    tagIssuerUniqueId = 0x81,
+    tagSubjectUniqueId = 0x82,
+    tagExtensions = 0xA3,
+};
+
+struct Element {
+    std::uint8_t identifier = 0;
+    Span content;
+    Span whole;
+};
+
+/// Reads one element after the other. After anything unreadable it is damaged
+/// and gives nothing more.
+class DerReader {
+public:
+    explicit DerReader(Span rest) noexcept : rest_(rest) { }
+
+    bool atEnd() const noexcept { return rest_.empty(); }
+
+    std::optional<Element> next()
+    {
+        const std::uint8_t* cursor = rest_.data();
+        long length = 0;
+        int tag = 0;
+        int tagClass = 0;
+        const int form = rest_.empty()
+            ? failed
+            : ASN1_get_object(&cursor, &length, &tag, &tagClass, static_cast<long>(rest_.size()));
+        if ((form & (failed | indefinite)) != 0)
+            return std::nullopt;
+        Element element;
+        element.identifier = rest_[0];
+        element.content = Span(cursor, static_cast<std::size_t>(length));
+        element.whole = rest_.first(static_cast<std::size_t>(cursor - rest_.data()) + element.content.size());
+        rest_ = rest_.subspan(element.whole.size());
+        return element;
+    }
+
+    /// The next element where it has this identifier octet.
+    std::optional<Element> next(std::uint8_t identifier)
+    {
+        if (atEnd() || rest_[0] != identifier)
+            return std::nullopt;
+        return next();
+    }
+
+private:
+    // ASN1_get_object's answer: constructed, and these two.
+    static constexpr int failed = 0x80;
+    static constexpr int indefinite = 0x01;
+
+    Span rest_;
+};
+
+/// Memory for one field value: first its structures, behind them the bytes to
+/// which they point, last the bytes of the field's identifier.
+class ValueBlock {
+public:
+    ValueBlock(const CssmMemory& memory, std::size_t structures, std::size_t bytes)
+        : start_(static_cast<std::uint8_t*>(memory.allocate(structures + bytes))), structure_(start_),
+          byte_(start_ ? start_ + structures : nullptr)
+    {
+    }
+
+    explicit operator bool() const noexcept { return start_ != nullptr; }
+    std::uint8_t* start() const noexcept { return start_; }
+
+    template <class T>
+    T* make(std::size_t count)
+    {
+        auto* const made = reinterpret_cast<T*>(structure_);
+        std::uninitialized_value_construct_n(made, count);
+        structure_ += count * sizeof(T);
+        return made;
+    }
+    CSSM_DATA copy(Span bytes)
+    {
+        CSSM_DATA data{bytes.size(), byte_};
+        byte_ = std::copy(bytes.begin(), bytes.end(), byte_);
+        return data;
+    }
+
+private:
+    std::uint8_t* start_;
+    std::uint8_t* structure_;
+    std::uint8_t* byte_;
+};
+
+Span bytesOf(const CSSM_OID& oid) noexcept { return {oid.Data, oid.Length}; }
+
+struct Attribute {
+    Span type;
+    Element value;
+};
+
+/// A name, its attributes in one row; where each relative name ends is told apart.
+struct Name {
+    std::vector<Attribute> attributes;
+    std::vector<std::size_t> rdnEnds;
+};
+
+std::optional<Attribute> readAttribute(DerReader& rdn)
+{
+    const auto pair = rdn.next(tagSequence);
+    if (!pair)
+        return std::nullopt;
+    DerReader parts(pair->content);
+    const auto type = parts.next(tagObjectIdentifier);
+    const auto value = parts.next();
+    if (!type || !value || !parts.atEnd())
+        return std::nullopt;
+    return Attribute{type->content, *value};
+}
+
+std::optional<Name> readName(DerReader& certificate)
+{
+    const auto sequence = certificate.next(tagSequence);
+    if (!sequence)
+        return std::nullopt;
+    Name name;
+    for (DerReader rdns(sequence->content); !rdns.atEnd();) {
+        const auto set = rdns.next(tagSet);
+        if (!set)
+            return std::nullopt;
+        for (DerReader rdn(set->content); !rdn.atEnd();) {
+            const auto attribute = readAttribute(rdn);
+            if (!attribute)
+                return std::nullopt;
+            name.attributes.push_back(*attribute);
+        }
+        name.rdnEnds.push_back(name.attributes.size());
+    }
+    return name;
+}
+
+struct PublicKeyInfo {
+    Span algorithm;
+    Span parameters;
+    Span key;
+};
+
+std::optional<PublicKeyInfo> readPublicKeyInfo(DerReader& certificate)
+{
+    const auto info = certificate.next(tagSequence);
+    if (!info)
+        return std::nullopt;
+    DerReader parts(info->content);
+    const auto identifier = parts.next(tagSequence);
+    const auto key = parts.next(tagBitString);
+    if (!identifier || !key || key->content.empty() || !parts.atEnd())
+        return std::nullopt;
+    DerReader algorithm(identifier->content);
+    const auto type = algorithm.next(tagObjectIdentifier);
+    if (!type)
+        return std::nullopt;
+    Span parameters;
+    if (!algorithm.atEnd()) {
+        const auto given = algorithm.next();
+        if (!given || !algorithm.atEnd())
+            return std::nullopt;
+        parameters = given->whole;
+    }
+    return PublicKeyInfo{type->content, parameters, key->content.subspan(1)};
+}
+
+/// A certificate's parts; they point into its bytes.
+struct Certificate {
+    std::optional<Span> version;
+    Span serial;
+    Name issuer;
+    Element notBefore;
+    Element notAfter;
+    Name subject;
+    PublicKeyInfo publicKey;
+};
+
+/// Where the certificate has a version: the INTEGER within its wrapping. False for a damaged one.
+bool readVersion(DerReader& tbs, std::optional<Span>& version)
+{
+    const auto wrapping = tbs.next(tagVersion);
+    if (!wrapping)
+        return true;
+    DerReader wrapped(wrapping->content);
+    const auto integer = wrapped.next(tagInteger);
+    if (!integer || !wrapped.atEnd())
+        return false;
+    version = integer->content;
+    return true;
+}
+
+bool readValidity(DerReader& tbs, Certificate& certificate)
+{
+    const auto validity = tbs.next(tagSequence);
+    if (!validity)
+        return false;
+    DerReader times(validity->content);
+    const auto notBefore = times.next();
+    const auto notAfter = times.next();
+    if (!notBefore || !notAfter || !times.atEnd())
+        return false;
+    certificate.notBefore = *notBefore;
+    certificate.notAfter = *notAfter;
+    return true;
+}
+
+std::optional<Certificate> readTbsCertificate(Span content)
+{
+    Certificate certificate;
+    DerReader tbs(content);
+    if (!readVersion(tbs, certificate.version))
+        return std::nullopt;
+    const auto serial = tbs.next(tagInteger);
+    const auto signatureAlgorithm = tbs.next(tagSequence);
+    auto issuer = readName(tbs);
+    const bool validity = readValidity(tbs, certificate);
+    auto subject = readName(tbs);
+    const auto publicKey = readPublicKeyInfo(tbs);
+    if (!serial || !signatureAlgorithm || !issuer || !validity || !subject || !publicKey)
+        return std::nullopt;
+    for (const std::uint8_t optional : {tagIssuerUniqueId, tagSubjectUniqueId, tagExtensions})
+        tbs.next(optional);
+    if (!tbs.atEnd())
+        return std::nullopt;
+    certificate.serial = serial->content;
+    certificate.issuer = std::move(*issuer);
+    certificate.subject = std::move(*subject);
+    certificate.publicKey = *publicKey;
+    return certificate;
+}
+
+std::optional<Certificate> readCertificate(Span der)
+{
+    DerReader reader(der);
+    const auto outer = reader.next(tagSequence);
+    if (!outer || !reader.atEnd())
+        return std::nullopt;
+    DerReader parts(outer->content);
+    const auto tbs = parts.next(tagSequence);
+    const auto signatureAlgorithm = parts.next(tagSequence);
+    const auto signature = parts.next(tagBitString);
+    if (!tbs || !signatureAlgorithm || !signature || !parts.atEnd())
+        return std::nullopt;
+    return readTbsCertificate(tbs->content);
+}
+
+/// Fields in the making; what it still owns when it goes is freed.
+class FieldList {
+public:
+    FieldList(const CssmMemory& memory, std::size_t capacity)
+        : memory_(memory), fields_(static_cast<CSSM_FIELD*>(memory.allocate(capacity * sizeof(CSSM_FIELD))))
+    {
+    }
+    ~FieldList()
+    {
+        if (fields_)
+            freeFields(memory_, {fields_, count_});
+    }
+    FieldList(const FieldList&) = delete;
+    FieldList& operator=(const FieldList&) = delete;
+
+    static void freeFields(const CssmMemory& memory, std::span<CSSM_FIELD> fields)
+    {
+        for (const CSSM_FIELD& field : fields)
+            memory.free(field.FieldValue.Data);
+        memory.free(fields.data());
+    }
+
+    bool addBytes(const CSSM_OID& oid, Span bytes)
+    {
+        ValueBlock block(memory_, 0, bytes.size() + oid.Length);
+        if (!block)
+            return false;
+        block.copy(bytes);
+        return add(oid, block, bytes.size());
+    }
+
+    bool addTime(const CSSM_OID& oid, const Element& time)
+    {
+        ValueBlock block(memory_, sizeof(CSSM_X509_TIME), time.content.size() + oid.Length);
+        if (!block)
+            return false;
+        auto* const value = block.make<CSSM_X509_TIME>(1);
+        value->timeType = time.identifier;
+        value->time = block.copy(time.content);
+        return add(oid, block, sizeof *value);
+    }
+
+    bool addName(const CSSM_OID& oid, const Name& name)
+    {
+        std::size_t bytes = oid.Length;
+        for (const Attribute& attribute : name.attributes)
+            bytes += attribute.type.size() + attribute.value.content.size();
+        ValueBlock block(memory_,
+            sizeof(CSSM_X509_NAME) + name.rdnEnds.size() * sizeof(CSSM_X509_RDN)
+                + name.attributes.size() * sizeof(CSSM_X509_TYPE_VALUE_PAIR),
+            bytes);
+        if (!block)
+            return false;
+        auto* const value = block.make<CSSM_X509_NAME>(1);
+        value->numberOfRDNs = static_cast<std::uint32_t>(name.rdnEnds.size());
+        value->RelativeDistinguishedName = block.make<CSSM_X509_RDN>(name.rdnEnds.size());
+        auto* const pairs = block.make<CSSM_X509_TYPE_VALUE_PAIR>(name.attributes.size());
+        for (std::size_t i = 0; i < name.attributes.size(); ++i) {
+            const Attribute& attribute = name.attributes[i];
+            pairs[i].type = block.copy(attribute.type);
+            pairs[i].valueType = attribute.value.identifier;
+            pairs[i].value = block.copy(attribute.value.content);
+        }
+        std::size_t begin = 0;
+        for (std::size_t i = 0; i < name.rdnEnds.size(); ++i) {
+            const std::size_t end = name.rdnEnds[i];
+            value->RelativeDistinguishedName[i] = {static_cast<std::uint32_t>(end - begin), pairs + begin};
+            begin = end;
+        }
+        return add(oid, block, sizeof *value);
+    }
+
+    bool addPublicKey(const CSSM_OID& oid, const PublicKeyInfo& info)
+    {
+        ValueBlock block(memory_, sizeof(CSSM_X509_SUBJECT_PUBLIC_KEY_INFO),
+            info.algorithm.size() + info.parameters.size() + info.key.size() + oid.Length);
+        if (!block)
+            return false;
+        auto* const value = block.make<CSSM_X509_SUBJECT_PUBLIC_KEY_INFO>(1);
+        value->algorithm.algorithm = block.copy(info.algorithm);
+        if (!info.parameters.empty())
+            value->algorithm.parameters = block.copy(info.parameters);
+        value->subjectPublicKey = block.copy(info.key);
+        return add(oid, block, sizeof *value);
+    }
+
+    explicit operator bool() const noexcept { return fields_ != nullptr; }
+
+    std::span<CSSM_FIELD> release() noexcept { return {std::exchange(fields_, nullptr), count_}; }
+
+private:
+    bool add(const CSSM_OID& oid, ValueBlock& block, std::size_t valueLength)
+    {
+        const CSSM_OID identifier = block.copy(bytesOf(oid));
+        std::construct_at(fields_ + count_, CSSM_FIELD{identifier, {valueLength, block.start()}});
+        ++count_;
+        return true;
+    }
+
+    const CssmMemory& memory_;
+    CSSM_FIELD* fields_;
+    std::size_t count_ = 0;
+};
+
+constexpr std::size_t fieldsOfCertificate = 7;
+
+bool addFields(FieldList& fields, const Certificate& certificate)
+{
+    return fields && (!certificate.version || fields.addBytes(CSSMOID_X509V1Version, *certificate.version))
+        && fields.addBytes(CSSMOID_X509V1SerialNumber, certificate.serial)
+        && fields.addName(CSSMOID_X509V1IssuerNameCStruct, certificate.issuer)
+        && fields.addTime(CSSMOID_X509V1ValidityNotBefore, certificate.notBefore)
+        && fields.addTime(CSSMOID_X509V1ValidityNotAfter, certificate.notAfter)
+        && fields.addName(CSSMOID_X509V1SubjectNameCStruct, certificate.subject)
+        && fields.addPublicKey(CSSMOID_X509V1SubjectPublicKeyCStruct, certificate.publicKey);
+}
+
+class X509ClSession final : public CssmSession {
+public:
+    explicit X509ClSession(const CssmMemory& memory) noexcept : memory_(memory) { }
+
+    Result<std::span<CSSM_FIELD>> certGetAllFields(const CSSM_DATA& certificate) override
+    {
+        const OpenSSLErrorMark errors;
+        const auto parts = readCertificate({certificate.Data, certificate.Length});
+        if (!parts)
+            return cssmFailure(CSSMERR_CL_UNKNOWN_FORMAT);
+        FieldList fields(memory_, fieldsOfCertificate);
+        if (!addFields(fields, *parts))
+            return cssmFailure(CSSMERR_CL_MEMORY_ERROR);
+        return fields.release();
+    }
+
+    Status freeFields(std::span<CSSM_FIELD> fields) override
+    {
+        FieldList::freeFields(memory_, fields);
+        return {};
+    }
+
+private:
+    CssmMemory memory_;
+};
+
+class X509ClModule final : public CssmModule {
+public:
+    CSSM_SERVICE_MASK services() const noexcept override { return CSSM_SERVICE_CL; }
+    Result<std::unique_ptr<CssmSession>> attach(CSSM_SERVICE_TYPE, const CssmMemory& memory) override
+    {
+        return std::unique_ptr<CssmSession>(std::make_unique<X509ClSession>(memory));
+    }
+};
+
+} // namespace
+
+std::unique_ptr<CssmModule> makeX509ClModule() { return std::make_unique<X509ClModule>(); }
+
+} // namespace kf
