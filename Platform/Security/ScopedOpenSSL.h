@@ -2,7 +2,9 @@
 // public headers name no OpenSSL type.
 #pragma once
 
+#include <openssl/asn1.h>
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pkcs12.h>
@@ -35,6 +37,14 @@ struct OpenSSLStackDeleter {
     }
 };
 
+struct OpenSSLBytesDeleter {
+    void operator()(unsigned char* bytes) const noexcept { OPENSSL_free(bytes); }
+};
+
+/// Bytes that OpenSSL allocated for its caller.
+using ScopedOpenSSLBytes = std::unique_ptr<unsigned char, OpenSSLBytesDeleter>;
+using ScopedASN1_STRING = std::unique_ptr<ASN1_STRING, OpenSSLDeleter<ASN1_STRING_free>>;
+using ScopedASN1_TIME = std::unique_ptr<ASN1_TIME, OpenSSLDeleter<ASN1_TIME_free>>;
 /// A BIO and every BIO behind it.
 using ScopedBIOChain = std::unique_ptr<BIO, OpenSSLDeleter<BIO_free_all>>;
 using ScopedEVP_MD = std::unique_ptr<EVP_MD, OpenSSLDeleter<EVP_MD_free>>;
