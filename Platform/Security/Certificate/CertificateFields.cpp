@@ -246,8 +246,11 @@ bool readExtensions(Span explicitExtensions, CertificateFields& fields)
     return true;
 }
 
+/// A non-negative INTEGER's digits, without the zero byte that marks its sign.
 std::string hexadecimal(Span bytes)
 {
+    if (bytes.size() > 1 && bytes[0] == 0)
+        bytes = bytes.subspan(1);
     constexpr std::string_view digits = "0123456789ABCDEF";
     std::string text;
     text.reserve(2 * bytes.size());
