@@ -167,7 +167,7 @@ NSString::Allocated<Unit> NSString::allocate(CFIndex length, bool sensitive)
 
 NSString::~NSString()
 {
-    if (!sensitive_ || isMutable())
+    if (!sensitive_)
         return;
     explicit_bzero(const_cast<void*>(storage_), static_cast<std::size_t>(length_) << (wide_ ? 1 : 0));
     cachedHash_.store(0, std::memory_order_relaxed);
@@ -447,7 +447,11 @@ Ref<NSString> CFStringCreateWithCharacters(const char16_t* characters, CFIndex l
 
 // Mutable strings
 
-NSMutableString::~NSMutableString() = default;
+NSMutableString::~NSMutableString()
+{
+    // Its storage is gone, and wiped, when the base class looks.
+    sensitive_ = false;
+}
 
 Ref<NSMutableString> NSMutableString::string() { return stringWithCapacity(0); }
 
