@@ -5,6 +5,13 @@
 #include "Security/SecBase.h"
 
 #include <cstdio>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace kf::authorization {
+class Backend;
+}
 
 enum : OSStatus {
     errAuthorizationSuccess = 0,
@@ -29,8 +36,26 @@ inline constexpr AuthorizationFlags kAuthorizationFlagInteractionAllowed = 1;
 inline constexpr AuthorizationFlags kAuthorizationFlagExtendRights = 2;
 inline constexpr AuthorizationFlags kAuthorizationFlagPreAuthorize = 16;
 
-/// A grant of rights to this process; the handle behind SFAuthorization.
-class Authorization;
+/// A grant of rights to this process; the handle behind SFAuthorization. Any
+/// thread, one at a time.
+class Authorization final : public NSObject {
+public:
+    bool holds(const std::string& right) const { return rights_.contains(right); }
+    /// Takes a right in that the back end granted.
+    void add(const std::string& right) { rights_.insert(right); }
+    /// Who grants rights and runs tools for it: the back end of the time when it was made.
+    kf::authorization::Backend& backend() const noexcept { return *backend_; }
+    const char* className() const noexcept override { return "Authorization"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    explicit Authorization(std::shared_ptr<kf::authorization::Backend> backend) noexcept;
+    ~Authorization() override;
+
+    std::shared_ptr<kf::authorization::Backend> backend_;
+    std::set<std::string> rights_;
+};
 using AuthorizationRef = Ref<Authorization>;
 
 /// Runs a tool with administrator rights under an authorization that holds
@@ -44,8 +69,7 @@ using AuthorizationRef = Ref<Authorization>;
 /// errAuthorizationDenied (the right is not held),
 /// errAuthorizationToolExecuteFailure (it could not be started).
 OSStatus AuthorizationExecuteWithPrivileges(const AuthorizationRef& authorization, const char* path,
-                                            AuthorizationFlags flags, char* const* arguments,
-                                            std::FILE** communicationsPipe);
+    AuthorizationFlags flags, char* const* arguments, std::FILE** communicationsPipe);
 
 /// An authorization as an object. Any thread, one at a time.
 class SFAuthorization final : public NSObject {
@@ -56,7 +80,12 @@ public:
     const AuthorizationRef& authorizationRef() const noexcept { return authorization_; }
     /// Obtains a right, asking the person where the flags allow it; blocks
     /// until that is decided. On failure false, and `*error` (where not null)
-    /// is an NSOSStatusErrorDomain error with an errAuthorization code.
+    /// is an NSOSStatusErrorDomain error with an errAuthorization code:
+    /// errAuthorizationInvalidSet (no right), errAuthorizationInvalidFlags,
+    /// errAuthorizationDenied (refused, unknown right, or not held where the
+    /// flags do not allow to extend), errAuthorizationCanceled,
+    /// errAuthorizationInteractionNotAllowed (nobody can be asked). On success
+    /// `*error` stays as it was.
     bool obtainWithRight(const Ref<NSString>& right, AuthorizationFlags flags, Ref<NSError>* error);
 
     const char* className() const noexcept override { return "SFAuthorization"; }
