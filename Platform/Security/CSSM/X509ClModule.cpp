@@ -3,12 +3,11 @@
 // stand; the public key is handed out as bytes and never decoded, which is
 // where reading a certificate whole spends its time.
 #include "Security/CSSM/CssmModule.h"
-#include "Security/ScopedOpenSSL.h"
+#include "Security/Certificate/DERReader.h"
 #include "Security/cssmoids.h"
 #include "Security/x509defs.h"
 
-#include <array>
-#include <cstring>
+#include <algorithm>
 #include <optional>
 #include <vector>
 
@@ -17,67 +16,6 @@ namespace kf {
 namespace {
 
 using Span = std::span<const std::uint8_t>;
-
-enum : std::uint8_t {
-    tagInteger = 0x02,
-    tagBitString = 0x03,
-    tagObjectIdentifier = 0x06,
-    tagSequence = 0x30,
-    tagSet = 0x31,
-    tagVersion = 0xA0,
-    tagIssuerUniqueId = 0x81,
-    tagSubjectUniqueId = 0x82,
-    tagExtensions = 0xA3,
-};
-
-struct Element {
-    std::uint8_t identifier = 0;
-    Span content;
-    Span whole;
-};
-
-/// Reads one element after the other. After anything unreadable it is damaged
-/// and gives nothing more.
-class DerReader {
-public:
-    explicit DerReader(Span rest) noexcept : rest_(rest) { }
-
-    bool atEnd() const noexcept { return rest_.empty(); }
-
-    std::optional<Element> next()
-    {
-        const std::uint8_t* cursor = rest_.data();
-        long length = 0;
-        int tag = 0;
-        int tagClass = 0;
-        const int form = rest_.empty()
-            ? failed
-            : ASN1_get_object(&cursor, &length, &tag, &tagClass, static_cast<long>(rest_.size()));
-        if ((form & (failed | indefinite)) != 0)
-            return std::nullopt;
-        Element element;
-        element.identifier = rest_[0];
-        element.content = Span(cursor, static_cast<std::size_t>(length));
-        element.whole = rest_.first(static_cast<std::size_t>(cursor - rest_.data()) + element.content.size());
-        rest_ = rest_.subspan(element.whole.size());
-        return element;
-    }
-
-    /// The next element where it has this identifier octet.
-    std::optional<Element> next(std::uint8_t identifier)
-    {
-        if (atEnd() || rest_[0] != identifier)
-            return std::nullopt;
-        return next();
-    }
-
-private:
-    // ASN1_get_object's answer: constructed, and these two.
-    static constexpr int failed = 0x80;
-    static constexpr int indefinite = 0x01;
-
-    Span rest_;
-};
 
 /// Memory for one field value: first its structures, behind them the bytes to
 /// which they point, last the bytes of the field's identifier.
@@ -117,7 +55,7 @@ Span bytesOf(const CSSM_OID& oid) noexcept { return {oid.Data, oid.Length}; }
 
 struct Attribute {
     Span type;
-    Element value;
+    DERElement value;
 };
 
 /// A name, its attributes in one row; where each relative name ends is told apart.
@@ -126,30 +64,30 @@ struct Name {
     std::vector<std::size_t> rdnEnds;
 };
 
-std::optional<Attribute> readAttribute(DerReader& rdn)
+std::optional<Attribute> readAttribute(DERReader& rdn)
 {
-    const auto pair = rdn.next(tagSequence);
+    const auto pair = rdn.next(der::sequence);
     if (!pair)
         return std::nullopt;
-    DerReader parts(pair->content);
-    const auto type = parts.next(tagObjectIdentifier);
+    DERReader parts(pair->content);
+    const auto type = parts.next(der::objectIdentifier);
     const auto value = parts.next();
     if (!type || !value || !parts.atEnd())
         return std::nullopt;
     return Attribute{type->content, *value};
 }
 
-std::optional<Name> readName(DerReader& certificate)
+std::optional<Name> readName(DERReader& certificate)
 {
-    const auto sequence = certificate.next(tagSequence);
+    const auto sequence = certificate.next(der::sequence);
     if (!sequence)
         return std::nullopt;
     Name name;
-    for (DerReader rdns(sequence->content); !rdns.atEnd();) {
-        const auto set = rdns.next(tagSet);
+    for (DERReader rdns(sequence->content); !rdns.atEnd();) {
+        const auto set = rdns.next(der::set);
         if (!set)
             return std::nullopt;
-        for (DerReader rdn(set->content); !rdn.atEnd();) {
+        for (DERReader rdn(set->content); !rdn.atEnd();) {
             const auto attribute = readAttribute(rdn);
             if (!attribute)
                 return std::nullopt;
@@ -166,18 +104,18 @@ struct PublicKeyInfo {
     Span key;
 };
 
-std::optional<PublicKeyInfo> readPublicKeyInfo(DerReader& certificate)
+std::optional<PublicKeyInfo> readPublicKeyInfo(DERReader& certificate)
 {
-    const auto info = certificate.next(tagSequence);
+    const auto info = certificate.next(der::sequence);
     if (!info)
         return std::nullopt;
-    DerReader parts(info->content);
-    const auto identifier = parts.next(tagSequence);
-    const auto key = parts.next(tagBitString);
+    DERReader parts(info->content);
+    const auto identifier = parts.next(der::sequence);
+    const auto key = parts.next(der::bitString);
     if (!identifier || !key || key->content.empty() || !parts.atEnd())
         return std::nullopt;
-    DerReader algorithm(identifier->content);
-    const auto type = algorithm.next(tagObjectIdentifier);
+    DERReader algorithm(identifier->content);
+    const auto type = algorithm.next(der::objectIdentifier);
     if (!type)
         return std::nullopt;
     Span parameters;
@@ -195,32 +133,32 @@ struct Certificate {
     std::optional<Span> version;
     Span serial;
     Name issuer;
-    Element notBefore;
-    Element notAfter;
+    DERElement notBefore;
+    DERElement notAfter;
     Name subject;
     PublicKeyInfo publicKey;
 };
 
 /// Where the certificate has a version: the INTEGER within its wrapping. False for a damaged one.
-bool readVersion(DerReader& tbs, std::optional<Span>& version)
+bool readVersion(DERReader& tbs, std::optional<Span>& version)
 {
-    const auto wrapping = tbs.next(tagVersion);
+    const auto wrapping = tbs.nextContext(0);
     if (!wrapping)
         return true;
-    DerReader wrapped(wrapping->content);
-    const auto integer = wrapped.next(tagInteger);
+    DERReader wrapped(wrapping->content);
+    const auto integer = wrapped.next(der::integer);
     if (!integer || !wrapped.atEnd())
         return false;
     version = integer->content;
     return true;
 }
 
-bool readValidity(DerReader& tbs, Certificate& certificate)
+bool readValidity(DERReader& tbs, Certificate& certificate)
 {
-    const auto validity = tbs.next(tagSequence);
+    const auto validity = tbs.next(der::sequence);
     if (!validity)
         return false;
-    DerReader times(validity->content);
+    DERReader times(validity->content);
     const auto notBefore = times.next();
     const auto notAfter = times.next();
     if (!notBefore || !notAfter || !times.atEnd())
@@ -233,19 +171,20 @@ bool readValidity(DerReader& tbs, Certificate& certificate)
 std::optional<Certificate> readTbsCertificate(Span content)
 {
     Certificate certificate;
-    DerReader tbs(content);
+    DERReader tbs(content);
     if (!readVersion(tbs, certificate.version))
         return std::nullopt;
-    const auto serial = tbs.next(tagInteger);
-    const auto signatureAlgorithm = tbs.next(tagSequence);
+    const auto serial = tbs.next(der::integer);
+    const auto signatureAlgorithm = tbs.next(der::sequence);
     auto issuer = readName(tbs);
     const bool validity = readValidity(tbs, certificate);
     auto subject = readName(tbs);
     const auto publicKey = readPublicKeyInfo(tbs);
     if (!serial || !signatureAlgorithm || !issuer || !validity || !subject || !publicKey)
         return std::nullopt;
-    for (const std::uint8_t optional : {tagIssuerUniqueId, tagSubjectUniqueId, tagExtensions})
-        tbs.next(optional);
+    // The unique identifiers of issuer and subject, and the extensions.
+    for (const int optional : {1, 2, 3})
+        tbs.nextContext(optional);
     if (!tbs.atEnd())
         return std::nullopt;
     certificate.serial = serial->content;
@@ -257,14 +196,14 @@ std::optional<Certificate> readTbsCertificate(Span content)
 
 std::optional<Certificate> readCertificate(Span der)
 {
-    DerReader reader(der);
-    const auto outer = reader.next(tagSequence);
+    DERReader reader(der);
+    const auto outer = reader.next(der::sequence);
     if (!outer || !reader.atEnd())
         return std::nullopt;
-    DerReader parts(outer->content);
-    const auto tbs = parts.next(tagSequence);
-    const auto signatureAlgorithm = parts.next(tagSequence);
-    const auto signature = parts.next(tagBitString);
+    DERReader parts(outer->content);
+    const auto tbs = parts.next(der::sequence);
+    const auto signatureAlgorithm = parts.next(der::sequence);
+    const auto signature = parts.next(der::bitString);
     if (!tbs || !signatureAlgorithm || !signature || !parts.atEnd())
         return std::nullopt;
     return readTbsCertificate(tbs->content);
@@ -301,13 +240,13 @@ public:
         return add(oid, block, bytes.size());
     }
 
-    bool addTime(const CSSM_OID& oid, const Element& time)
+    bool addTime(const CSSM_OID& oid, const DERElement& time)
     {
         ValueBlock block(memory_, sizeof(CSSM_X509_TIME), time.content.size() + oid.Length);
         if (!block)
             return false;
         auto* const value = block.make<CSSM_X509_TIME>(1);
-        value->timeType = time.identifier;
+        value->timeType = time.whole[0];
         value->time = block.copy(time.content);
         return add(oid, block, sizeof *value);
     }
@@ -330,7 +269,7 @@ public:
         for (std::size_t i = 0; i < name.attributes.size(); ++i) {
             const Attribute& attribute = name.attributes[i];
             pairs[i].type = block.copy(attribute.type);
-            pairs[i].valueType = attribute.value.identifier;
+            pairs[i].valueType = attribute.value.whole[0];
             pairs[i].value = block.copy(attribute.value.content);
         }
         std::size_t begin = 0;
@@ -393,7 +332,6 @@ public:
 
     Result<std::span<CSSM_FIELD>> certGetAllFields(const CSSM_DATA& certificate) override
     {
-        const OpenSSLErrorMark errors;
         const auto parts = readCertificate({certificate.Data, certificate.Length});
         if (!parts)
             return cssmFailure(CSSMERR_CL_UNKNOWN_FORMAT);
