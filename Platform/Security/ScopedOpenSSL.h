@@ -4,6 +4,7 @@
 
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
+#include <openssl/bn.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -38,11 +39,12 @@ struct OpenSSLStackDeleter {
 };
 
 struct OpenSSLBytesDeleter {
-    void operator()(unsigned char* bytes) const noexcept { OPENSSL_free(bytes); }
+    void operator()(void* bytes) const noexcept { OPENSSL_free(bytes); }
 };
 
 /// Bytes that OpenSSL allocated for its caller.
 using ScopedOpenSSLBytes = std::unique_ptr<unsigned char, OpenSSLBytesDeleter>;
+using ScopedOpenSSLText = std::unique_ptr<char, OpenSSLBytesDeleter>;
 using ScopedASN1_STRING = std::unique_ptr<ASN1_STRING, OpenSSLDeleter<ASN1_STRING_free>>;
 using ScopedASN1_TIME = std::unique_ptr<ASN1_TIME, OpenSSLDeleter<ASN1_TIME_free>>;
 /// A BIO and every BIO behind it.
@@ -58,6 +60,16 @@ using ScopedX509Stack = std::unique_ptr<STACK_OF(X509), OpenSSLStackDeleter<X509
 using ScopedX509_STORE = std::unique_ptr<X509_STORE, OpenSSLDeleter<X509_STORE_free>>;
 using ScopedX509_STORE_CTX = std::unique_ptr<X509_STORE_CTX, OpenSSLDeleter<X509_STORE_CTX_free>>;
 using ScopedOSSL_LIB_CTX = std::unique_ptr<OSSL_LIB_CTX, OpenSSLDeleter<OSSL_LIB_CTX_free>>;
+/// A number that is wiped: part of a private key.
+using ScopedSecretBIGNUM = std::unique_ptr<BIGNUM, OpenSSLDeleter<BN_clear_free>>;
+using ScopedEVP_CIPHER = std::unique_ptr<EVP_CIPHER, OpenSSLDeleter<EVP_CIPHER_free>>;
+using ScopedPBEPARAM = std::unique_ptr<PBEPARAM, OpenSSLDeleter<PBEPARAM_free>>;
+using ScopedPBE2PARAM = std::unique_ptr<PBE2PARAM, OpenSSLDeleter<PBE2PARAM_free>>;
+using ScopedPBKDF2PARAM = std::unique_ptr<PBKDF2PARAM, OpenSSLDeleter<PBKDF2PARAM_free>>;
+using ScopedSCRYPT_PARAMS = std::unique_ptr<SCRYPT_PARAMS, OpenSSLDeleter<SCRYPT_PARAMS_free>>;
+using ScopedPKCS7Stack = std::unique_ptr<STACK_OF(PKCS7), OpenSSLStackDeleter<PKCS7, PKCS7_free>>;
+using ScopedSafeBagStack
+    = std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), OpenSSLStackDeleter<PKCS12_SAFEBAG, PKCS12_SAFEBAG_free>>;
 using ScopedOSSL_PROVIDER = std::unique_ptr<OSSL_PROVIDER, OpenSSLDeleter<OSSL_PROVIDER_unload>>;
 
 /// Takes out of the thread's error queue what was put there while it lives, so

@@ -3,16 +3,34 @@
 
 #include "Security/SecKeychainItem.h"
 
+#include <memory>
+
+namespace kf::keychain {
+struct ParsedCertificate;
+}
+
 /// One X.509 certificate: a keychain item, or loose bytes in no keychain.
-/// Immutable. SecKeychainItem's class comment tells how it is held.
-class SecCertificate;
+class SecCertificate final : public SecKeychainItem {
+public:
+    const kf::keychain::ParsedCertificate& parsed() const noexcept { return *parsed_; }
+    const std::shared_ptr<const kf::keychain::ParsedCertificate>& sharedParsed() const noexcept { return parsed_; }
+    const char* className() const noexcept override { return "SecCertificate"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    SecCertificate(std::shared_ptr<const kf::keychain::ParsedCertificate> parsed, SecKeychainRef keychain) noexcept;
+    ~SecCertificate() override;
+
+    std::shared_ptr<const kf::keychain::ParsedCertificate> parsed_;
+};
 using SecCertificateRef = Ref<SecCertificate>;
 
 /// A certificate in no keychain from its DER bytes (copied); the caller owns
 /// it. errSecParam for another type or encoding, errSecUnknownFormat where the
 /// bytes are not exactly one DER certificate.
-OSStatus SecCertificateCreateFromData(const CSSM_DATA* data, CSSM_CERT_TYPE type, CSSM_CERT_ENCODING encoding,
-                                      SecCertificateRef* certificate);
+OSStatus SecCertificateCreateFromData(
+    const CSSM_DATA* data, CSSM_CERT_TYPE type, CSSM_CERT_ENCODING encoding, SecCertificateRef* certificate);
 
 /// Adds a certificate to a keychain (nil: the default one).
 /// errSecDuplicateItem where it is there already.

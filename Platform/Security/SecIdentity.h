@@ -3,17 +3,66 @@
 
 #include "Security/SecCertificate.h"
 
-class SecKey;
-class SecIdentity;
-class SecIdentitySearch;
+/// A private key in a keychain. Its bytes never leave the keychain.
+class SecKey final : public SecKeychainItem {
+public:
+    /// What ties it to its certificates (CKA_ID).
+    const std::vector<std::uint8_t>& identifier() const noexcept { return identifier_; }
+    const char* className() const noexcept override { return "SecKey"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    SecKey(std::vector<std::uint8_t> identifier, SecKeychainRef keychain);
+    ~SecKey() override;
+
+    std::vector<std::uint8_t> identifier_;
+};
+
+/// Immutable; equal where certificate and key are.
+class SecIdentity final : public NSObject {
+public:
+    const SecCertificateRef& certificate() const noexcept { return certificate_; }
+    const Ref<SecKey>& privateKey() const noexcept { return privateKey_; }
+
+    bool isEqual(const NSObject* other) const noexcept override;
+    CFHashCode hash() const noexcept override;
+    const char* className() const noexcept override { return "SecIdentity"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    SecIdentity(SecCertificateRef certificate, Ref<SecKey> privateKey) noexcept;
+    ~SecIdentity() override;
+
+    SecCertificateRef certificate_;
+    Ref<SecKey> privateKey_;
+};
+
+/// A search under way. One thread at a time.
+class SecIdentitySearch final : public NSObject {
+public:
+    const char* className() const noexcept override { return "SecIdentitySearch"; }
+    class State;
+    State& state() const noexcept { return *state_; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    explicit SecIdentitySearch(std::unique_ptr<State> state) noexcept;
+    ~SecIdentitySearch() override;
+
+    std::unique_ptr<State> state_;
+};
+
 using SecKeyRef = Ref<SecKey>;
 using SecIdentityRef = Ref<SecIdentity>;
 using SecIdentitySearchRef = Ref<SecIdentitySearch>;
 
 /// A search over the identities of a keychain, an array of them, or (nil) the
 /// search list. `keyUsage` other than CSSM_KEYUSE_ANY and 0 is errSecParam.
-OSStatus SecIdentitySearchCreate(const Ref<NSObject>& keychainOrArray, CSSM_KEYUSE keyUsage,
-                                 SecIdentitySearchRef* search);
+OSStatus SecIdentitySearchCreate(
+    const Ref<NSObject>& keychainOrArray, CSSM_KEYUSE keyUsage, SecIdentitySearchRef* search);
 /// As SecKeychainSearchCopyNext.
 OSStatus SecIdentitySearchCopyNext(const SecIdentitySearchRef& search, SecIdentityRef* identity);
 
@@ -22,5 +71,5 @@ OSStatus SecIdentityCopyPrivateKey(const SecIdentityRef& identity, SecKeyRef* ke
 
 /// The identity of a certificate whose private key is in one of the keychains
 /// (nil: the search list). errSecItemNotFound where no key is found.
-OSStatus SecIdentityCreateWithCertificate(const Ref<NSObject>& keychainOrArray, const SecCertificateRef& certificate,
-                                          SecIdentityRef* identity);
+OSStatus SecIdentityCreateWithCertificate(
+    const Ref<NSObject>& keychainOrArray, const SecCertificateRef& certificate, SecIdentityRef* identity);

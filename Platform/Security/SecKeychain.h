@@ -8,7 +8,24 @@
 #include "Foundation/NSArray.h"
 #include "Security/SecBase.h"
 
-class SecKeychain;
+/// A keychain's name: the absolute path of its directory. Immutable; equal where the paths are.
+class SecKeychain final : public NSObject {
+public:
+    const std::string& path() const noexcept { return path_; }
+
+    bool isEqual(const NSObject* other) const noexcept override;
+    CFHashCode hash() const noexcept override;
+    Ref<NSString> description() const override;
+    const char* className() const noexcept override { return "SecKeychain"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    explicit SecKeychain(std::string path) noexcept : path_(std::move(path)) { }
+    ~SecKeychain() override;
+
+    std::string path_;
+};
 using SecKeychainRef = Ref<SecKeychain>;
 
 /// The user's default keychain. It need not exist yet: it is made when the

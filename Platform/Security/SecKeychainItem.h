@@ -6,12 +6,45 @@
 #include "Security/SecKeychain.h"
 #include "Security/cssmtype.h"
 
-class SecKeychainItem;
-using SecKeychainItemRef = Ref<SecKeychainItem>;
+#include <array>
 
 using SecItemClass = std::uint32_t;
 inline constexpr SecItemClass kSecPrivateKeyItemClass = 0x00000010;
 inline constexpr SecItemClass kSecCertificateItemClass = 0x80001000;
+
+/// A certificate or a private key, in a keychain or in none.
+///
+/// An item is a name, not a place in a database: its class and the SHA-256 of
+/// its bytes (of a key: of its identifier), looked up in its keychain at every
+/// use. So an item that was deleted and another one that took its place are
+/// never confused. Immutable; equal where class, digest and keychain are. Any
+/// thread.
+class SecKeychainItem : public NSObject {
+public:
+    using Digest = std::array<std::uint8_t, 32>;
+
+    SecItemClass itemClass() const noexcept { return itemClass_; }
+    const Digest& digest() const noexcept { return digest_; }
+    /// Nil for an item in no keychain.
+    const SecKeychainRef& keychain() const noexcept { return keychain_; }
+
+    bool isEqual(const NSObject* other) const noexcept override;
+    CFHashCode hash() const noexcept override;
+    Ref<NSString> description() const override;
+
+protected:
+    SecKeychainItem(SecItemClass itemClass, const Digest& digest, SecKeychainRef keychain) noexcept
+        : itemClass_(itemClass), digest_(digest), keychain_(std::move(keychain))
+    {
+    }
+    ~SecKeychainItem() override;
+
+private:
+    SecItemClass itemClass_;
+    Digest digest_;
+    SecKeychainRef keychain_;
+};
+using SecKeychainItemRef = Ref<SecKeychainItem>;
 
 using SecKeychainAttrType = std::uint32_t;
 constexpr SecKeychainAttrType fourCharacterCode(const char (&text)[5]) noexcept
@@ -55,17 +88,15 @@ struct SecKeychainAttributeInfo {
 /// item's class lacks one of the attributes (nothing is returned then),
 /// errSecInvalidItemRef where the item has been deleted.
 OSStatus SecKeychainItemCopyAttributesAndData(const SecKeychainItemRef& item, const SecKeychainAttributeInfo* info,
-                                              SecItemClass* itemClass, SecKeychainAttributeList** attributes,
-                                              std::uint32_t* length, void** data);
+    SecItemClass* itemClass, SecKeychainAttributeList** attributes, std::uint32_t* length, void** data);
 OSStatus SecKeychainItemFreeAttributesAndData(SecKeychainAttributeList* attributes, void* data);
 
 /// Writes attributes; all or none. Data cannot be replaced: a non-null `data`
 /// gives errSecDataNotModifiable. Only the label can be written:
 /// errSecReadOnlyAttr for attributes that derive from the certificate,
 /// errSecNoSuchAttr for unknown ones.
-OSStatus SecKeychainItemModifyAttributesAndData(const SecKeychainItemRef& item,
-                                                const SecKeychainAttributeList* attributes, std::uint32_t length,
-                                                const void* data);
+OSStatus SecKeychainItemModifyAttributesAndData(
+    const SecKeychainItemRef& item, const SecKeychainAttributeList* attributes, std::uint32_t length, const void* data);
 
 /// Deletes the item from its keychain, and, for a certificate, its trust object
 /// there. Other items, and the same certificate in other keychains, stay.
@@ -114,6 +145,5 @@ struct SecKeyImportExportParameters {
 /// errSecMultiplePrivKeys, and the keychain's own. Any thread; a bundle with
 /// many iterations takes seconds, so not the thread of an interface.
 OSStatus SecKeychainItemImport(const Ref<NSData>& importedData, const Ref<NSString>& fileNameOrExtension,
-                               SecExternalFormat* inputFormat, SecExternalItemType* itemType,
-                               SecItemImportExportFlags flags, const SecKeyImportExportParameters* keyParameters,
-                               const SecKeychainRef& importKeychain, Ref<NSArray>* items);
+    SecExternalFormat* inputFormat, SecExternalItemType* itemType, SecItemImportExportFlags flags,
+    const SecKeyImportExportParameters* keyParameters, const SecKeychainRef& importKeychain, Ref<NSArray>* items);

@@ -8,10 +8,10 @@ namespace kf::keychain {
 
 /// One purpose's word in a certificate's trust object.
 enum class TrustLevel : std::uint8_t {
-    unspecified,  ///< nothing said (CKT_NSS_MUST_VERIFY_TRUST)
-    trusted,      ///< anchor of chains (CKT_NSS_TRUSTED_DELEGATOR)
-    trustedPeer,  ///< this certificate itself (CKT_NSS_TRUSTED)
-    denied,       ///< CKT_NSS_NOT_TRUSTED
+    unspecified, ///< nothing said (CKT_NSS_MUST_VERIFY_TRUST)
+    trusted,     ///< anchor of chains (CKT_NSS_TRUSTED_DELEGATOR)
+    trustedPeer, ///< this certificate itself (CKT_NSS_TRUSTED)
+    denied,      ///< CKT_NSS_NOT_TRUSTED
 };
 
 /// What a keychain says of a certificate's trustworthiness.
@@ -35,7 +35,7 @@ Status writeTrust(const SecKeychainRef& keychain, std::span<const std::uint8_t> 
 Status removeTrust(const SecKeychainRef& keychain, std::span<const std::uint8_t> certificate);
 
 /// The certificates of a keychain whose subject is `subject` (DER of the Name).
-Result<std::vector<SecCertificateRef>> certificatesWithSubject(const SecKeychainRef& keychain,
-                                                               std::span<const std::uint8_t> subject);
+Result<std::vector<SecCertificateRef>> certificatesWithSubject(
+    const SecKeychainRef& keychain, std::span<const std::uint8_t> subject);
 
 } // namespace kf::keychain

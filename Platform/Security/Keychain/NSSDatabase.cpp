@@ -1,0 +1,466 @@
+#include "Security/Keychain/NSSDatabase.h"
+
+#include "Security/Keychain/Index.h"
+#include "Security/Keychain/IntentFile.h"
+#include "Security/Keychain/PKCS11Objects.h"
+
+#include <openssl/evp.h>
+
+namespace kf::keychain {
+
+namespace {
+
+constexpr int mostLabelNumbers = 10000;
+
+std::array<std::uint8_t, 16> md5(std::span<const std::uint8_t> bytes)
+{
+    std::array<std::uint8_t, 16> digest{};
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_md5(), nullptr);
+    return digest;
+}
+
+Template objectsOf(CK_OBJECT_CLASS objectClass)
+{
+    Template wanted;
+    wanted.addWord(CKA_CLASS, objectClass).addBool(CKA_TOKEN, true);
+    return wanted;
+}
+
+/// The handle of an object as it is now. The subject is there because NSS has an index of it.
+Result<std::vector<CK_OBJECT_HANDLE>> findCertificate(const ScopedSession& session, std::span<const std::uint8_t> der)
+{
+    Template wanted = objectsOf(CKO_CERTIFICATE);
+    const auto fields = readCertificateFields(der);
+    if (fields)
+        wanted.add(CKA_SUBJECT, fields->subject);
+    wanted.add(CKA_VALUE, der);
+    return findObjects(session, wanted);
+}
+
+Result<std::vector<CK_OBJECT_HANDLE>> findKey(const ScopedSession& session, std::span<const std::uint8_t> id)
+{
+    Template wanted = objectsOf(CKO_PRIVATE_KEY);
+    wanted.add(CKA_ID, id);
+    return findObjects(session, wanted);
+}
+
+Result<std::vector<CK_OBJECT_HANDLE>> findTrust(const ScopedSession& session, std::span<const std::uint8_t> der)
+{
+    const auto fields = readCertificateFields(der);
+    if (!fields)
+        return fields.failure();
+    const auto hash = sha1(der);
+    Template wanted = objectsOf(CKO_NSS_TRUST);
+    wanted.add(CKA_ISSUER, fields->issuer).add(CKA_SERIAL_NUMBER, fields->serial).add(CKA_CERT_SHA1_HASH, hash);
+    return findObjects(session, wanted);
+}
+
+Status destroyFirst(
+    const ScopedSession& session, const Result<std::vector<CK_OBJECT_HANDLE>>& objects, OSStatus whenMissing)
+{
+    if (!objects)
+        return objects.failure();
+    if (objects->empty())
+        return Failure{whenMissing};
+    const CK_RV destroyed = session.functions().C_DestroyObject(session.handle(), objects->front());
+    if (destroyed != CKR_OK)
+        return Failure{statusOfPKCS11(destroyed)};
+    return {};
+}
+
+/// The plain return value: a refused label must be told from other failures.
+CK_RV setLabel(const ScopedSession& session, CK_OBJECT_HANDLE object, const std::string& label)
+{
+    Template change;
+    change.add(CKA_LABEL, label);
+    return session.functions().C_SetAttributeValue(session.handle(), object, change.data(), change.size());
+}
+
+Status createObject(const ScopedSession& session, Template& object)
+{
+    CK_OBJECT_HANDLE handle = CK_INVALID_HANDLE;
+    const CK_RV created = session.functions().C_CreateObject(session.handle(), object.data(), object.size(), &handle);
+    if (created != CKR_OK)
+        return Failure{statusOfPKCS11(created)};
+    return {};
+}
+
+CK_ULONG wordOf(TrustLevel level)
+{
+    switch (level) {
+    case TrustLevel::trusted:
+        return CKT_NSS_TRUSTED_DELEGATOR;
+    case TrustLevel::trustedPeer:
+        return CKT_NSS_TRUSTED;
+    case TrustLevel::denied:
+        return CKT_NSS_NOT_TRUSTED;
+    case TrustLevel::unspecified:
+        break;
+    }
+    return CKT_NSS_MUST_VERIFY_TRUST;
+}
+
+TrustLevel levelOf(CK_ULONG word)
+{
+    switch (word) {
+    case CKT_NSS_TRUSTED_DELEGATOR:
+        return TrustLevel::trusted;
+    case CKT_NSS_TRUSTED:
+        return TrustLevel::trustedPeer;
+    case CKT_NSS_NOT_TRUSTED:
+        return TrustLevel::denied;
+    default:
+        return TrustLevel::unspecified;
+    }
+}
+
+void addTrustWords(Template& object, const Trust& trust)
+{
+    object.addWord(CKA_TRUST_SERVER_AUTH, wordOf(trust.server))
+        .addWord(CKA_TRUST_CLIENT_AUTH, wordOf(trust.client))
+        .addWord(CKA_TRUST_EMAIL_PROTECTION, wordOf(trust.email))
+        .addWord(CKA_TRUST_CODE_SIGNING, wordOf(trust.codeSigning));
+}
+
+void addRSA(Template& object, const PrivateKey& key)
+{
+    object.addWord(CKA_KEY_TYPE, CKK_RSA)
+        .addBool(CKA_DECRYPT, true)
+        .addBool(CKA_SIGN_RECOVER, true)
+        .addBool(CKA_UNWRAP, true)
+        .add(CKA_MODULUS, key.publicValue)
+        .add(CKA_PUBLIC_EXPONENT, key.publicExponent)
+        .add(CKA_PRIVATE_EXPONENT, key.privateValue)
+        .add(CKA_PRIME_1, key.prime1)
+        .add(CKA_PRIME_2, key.prime2)
+        .add(CKA_EXPONENT_1, key.exponent1)
+        .add(CKA_EXPONENT_2, key.exponent2)
+        .add(CKA_COEFFICIENT, key.coefficient);
+}
+
+void addEC(Template& object, const PrivateKey& key)
+{
+    object.addWord(CKA_KEY_TYPE, CKK_EC)
+        .addBool(CKA_DERIVE, true)
+        .add(CKA_EC_PARAMS, key.parameters)
+        .add(CKA_VALUE, key.privateValue);
+}
+
+} // namespace
+
+OSStatus statusOfPKCS11(CK_RV value) noexcept
+{
+    switch (value) {
+    case CKR_OK:
+        return errSecSuccess;
+    case CKR_HOST_MEMORY:
+        return errSecAllocate;
+    case CKR_USER_NOT_LOGGED_IN:
+        return errSecInteractionNotAllowed;
+    case CKR_TOKEN_WRITE_PROTECTED:
+    case CKR_SESSION_READ_ONLY:
+        return errSecReadOnly;
+    case CKR_OBJECT_HANDLE_INVALID:
+        return errSecInvalidItemRef;
+    case CKR_DEVICE_ERROR:
+    case CKR_DEVICE_MEMORY:
+    case CKR_GENERAL_ERROR:
+        return errSecIO;
+    default:
+        return errSecInternalComponent;
+    }
+}
+
+Result<ScopedSession> NSSDatabase::session(bool writing)
+{
+    CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+    const CK_FLAGS flags = CKF_SERIAL_SESSION | (writing ? CKF_RW_SESSION : CK_FLAGS{0});
+    const CK_RV opened = slot_->functions->C_OpenSession(slot_->id, flags, nullptr, nullptr, &handle);
+    if (opened != CKR_OK)
+        return Failure{statusOfPKCS11(opened)};
+    return ScopedSession(*slot_->functions, handle);
+}
+
+Result<ScopedSession> NSSDatabase::writingSession()
+{
+    if (access_ == Access::read)
+        return Failure{errSecReadOnly};
+    if (slot_->writing != errSecSuccess)
+        return Failure{slot_->writing};
+    if (isLocked())
+        return Failure{errSecInteractionNotAllowed};
+    return session(true);
+}
+
+Result<Generation> NSSDatabase::generation() { return databaseGeneration(slot_->path); }
+
+bool NSSDatabase::isLocked()
+{
+    return PK11_NeedLogin(slot_->slot.get()) && !PK11_IsLoggedIn(slot_->slot.get(), nullptr);
+}
+
+Status NSSDatabase::unlock(std::span<const std::uint8_t> passphrase)
+{
+    SecretBytes terminated(passphrase.begin(), passphrase.end());
+    terminated.push_back(0);
+    switch (PK11_CheckUserPassword(slot_->slot.get(), reinterpret_cast<const char*>(terminated.data()))) {
+    case SECSuccess:
+        return {};
+    case SECWouldBlock:
+        return Failure{errSecAuthFailed};
+    default:
+        return Failure{errSecIO};
+    }
+}
+
+Result<std::vector<CertificateRecord>> NSSDatabase::certificates()
+{
+    const auto open = session();
+    if (!open)
+        return open.failure();
+    Template wanted = objectsOf(CKO_CERTIFICATE);
+    const auto objects = findObjects(*open, wanted);
+    if (!objects)
+        return objects.failure();
+    std::vector<CertificateRecord> records;
+    records.reserve(objects->size());
+    for (const auto object : *objects) {
+        auto der = readAttribute(*open, object, CKA_VALUE);
+        const auto label = readAttribute(*open, object, CKA_LABEL);
+        if (der.status() == errSecInvalidItemRef || label.status() == errSecInvalidItemRef)
+            continue; // deleted by somebody since it was listed
+        if (!der || !label)
+            return Failure{der ? label.status() : der.status()};
+        records.push_back({std::move(*der), std::string(asText(*label))});
+    }
+    return records;
+}
+
+Result<std::vector<KeyRecord>> NSSDatabase::privateKeys()
+{
+    if (isLocked())
+        return Failure{errSecInteractionNotAllowed};
+    const auto open = session();
+    if (!open)
+        return open.failure();
+    Template wanted = objectsOf(CKO_PRIVATE_KEY);
+    const auto objects = findObjects(*open, wanted);
+    if (!objects)
+        return objects.failure();
+    std::vector<KeyRecord> records;
+    for (const auto object : *objects) {
+        auto id = readAttribute(*open, object, CKA_ID);
+        const auto label = readAttribute(*open, object, CKA_LABEL);
+        if (id.status() == errSecInvalidItemRef || label.status() == errSecInvalidItemRef)
+            continue;
+        if (!id || !label)
+            return Failure{id ? label.status() : id.status()};
+        records.push_back({std::move(*id), std::string(asText(*label))});
+    }
+    return records;
+}
+
+Result<bool> NSSDatabase::containsCertificate(std::span<const std::uint8_t> der)
+{
+    const auto open = session();
+    if (!open)
+        return open.failure();
+    const auto objects = findCertificate(*open, der);
+    if (!objects)
+        return objects.failure();
+    return !objects->empty();
+}
+
+Result<bool> NSSDatabase::containsPrivateKey(std::span<const std::uint8_t> id)
+{
+    if (isLocked())
+        return Failure{errSecInteractionNotAllowed};
+    const auto open = session();
+    if (!open)
+        return open.failure();
+    const auto objects = findKey(*open, id);
+    if (!objects)
+        return objects.failure();
+    return !objects->empty();
+}
+
+Result<std::unique_ptr<WriteTurn>> NSSDatabase::beginWriting()
+{
+    if (access_ == Access::read)
+        return Failure{errSecReadOnly};
+    if (slot_->writing != errSecSuccess)
+        return Failure{slot_->writing};
+    return IntentFile::acquire(slot_->path);
+}
+
+Status NSSDatabase::addCertificate(std::span<const std::uint8_t> der, const std::string& label)
+{
+    const auto fields = readCertificateFields(der);
+    if (!fields)
+        return fields.failure();
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    const auto present = findCertificate(*open, der);
+    if (!present)
+        return present.failure();
+    if (!present->empty())
+        return Failure{errSecDuplicateItem};
+    std::string chosen = label;
+    for (int number = 2;; ++number) {
+        Template object = objectsOf(CKO_CERTIFICATE);
+        object.addWord(CKA_CERTIFICATE_TYPE, CKC_X_509)
+            .add(CKA_ID, fields->keyId)
+            .add(CKA_LABEL, chosen)
+            .add(CKA_SUBJECT, fields->subject)
+            .add(CKA_ISSUER, fields->issuer)
+            .add(CKA_SERIAL_NUMBER, fields->serial)
+            .add(CKA_VALUE, der);
+        CK_OBJECT_HANDLE handle = CK_INVALID_HANDLE;
+        const CK_RV created = open->functions().C_CreateObject(open->handle(), object.data(), object.size(), &handle);
+        if (created == CKR_OK)
+            return {};
+        // The answer where another subject's certificate bears this label.
+        if (created != CKR_ATTRIBUTE_VALUE_INVALID || number > mostLabelNumbers)
+            return Failure{statusOfPKCS11(created)};
+        chosen = label + " #" + std::to_string(number);
+    }
+}
+
+Status NSSDatabase::addPrivateKey(const PrivateKey& key)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    const auto present = findKey(*open, key.id);
+    if (!present)
+        return present.failure();
+    if (!present->empty())
+        return Failure{errSecDuplicateItem};
+    Template object = objectsOf(CKO_PRIVATE_KEY);
+    object.addBool(CKA_PRIVATE, true)
+        .addBool(CKA_SENSITIVE, true)
+        .addBool(CKA_EXTRACTABLE, key.extractable)
+        .addBool(CKA_SIGN, true)
+        .add(CKA_ID, key.id)
+        .add(CKA_LABEL, key.label)
+        .add(CKA_SUBJECT, key.subject)
+        .add(CKA_NSS_DB, key.publicValue);
+    if (key.kind == PrivateKey::Kind::rsa)
+        addRSA(object, key);
+    else
+        addEC(object, key);
+    return createObject(*open, object);
+}
+
+Status NSSDatabase::removeCertificate(std::span<const std::uint8_t> der)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    return destroyFirst(*open, findCertificate(*open, der), errSecInvalidItemRef);
+}
+
+Status NSSDatabase::removePrivateKey(std::span<const std::uint8_t> id)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    return destroyFirst(*open, findKey(*open, id), errSecInvalidItemRef);
+}
+
+Status NSSDatabase::setCertificateLabel(std::span<const std::uint8_t> der, const std::string& label)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    const auto objects = findCertificate(*open, der);
+    if (!objects)
+        return objects.failure();
+    if (objects->empty())
+        return Failure{errSecInvalidItemRef};
+    const CK_RV set = setLabel(*open, objects->front(), label);
+    if (set == CKR_ATTRIBUTE_VALUE_INVALID)
+        return Failure{errSecDuplicateItem};
+    if (set != CKR_OK)
+        return Failure{statusOfPKCS11(set)};
+    return {};
+}
+
+Status NSSDatabase::setPrivateKeyLabel(std::span<const std::uint8_t> id, const std::string& label)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    const auto objects = findKey(*open, id);
+    if (!objects)
+        return objects.failure();
+    if (objects->empty())
+        return Failure{errSecInvalidItemRef};
+    if (const CK_RV set = setLabel(*open, objects->front(), label); set != CKR_OK)
+        return Failure{statusOfPKCS11(set)};
+    return {};
+}
+
+Result<Trust> NSSDatabase::trust(std::span<const std::uint8_t> certificate)
+{
+    // While locked, NSS cannot check the trust's integrity and hides it.
+    if (isLocked())
+        return Failure{errSecInteractionNotAllowed};
+    const auto open = session();
+    if (!open)
+        return open.failure();
+    const auto objects = findTrust(*open, certificate);
+    if (!objects)
+        return objects.failure();
+    if (objects->empty())
+        return Failure{errSecItemNotFound};
+    const auto level = [&](CK_ATTRIBUTE_TYPE type) {
+        return levelOf(readWord(*open, objects->front(), type, CKT_NSS_TRUST_UNKNOWN));
+    };
+    return Trust{level(CKA_TRUST_SERVER_AUTH), level(CKA_TRUST_CLIENT_AUTH), level(CKA_TRUST_EMAIL_PROTECTION),
+        level(CKA_TRUST_CODE_SIGNING)};
+}
+
+Status NSSDatabase::setTrust(std::span<const std::uint8_t> certificate, const Trust& trust)
+{
+    const auto fields = readCertificateFields(certificate);
+    if (!fields)
+        return fields.failure();
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    const auto objects = findTrust(*open, certificate);
+    if (!objects)
+        return objects.failure();
+    if (!objects->empty()) {
+        Template change;
+        addTrustWords(change, trust);
+        const CK_RV set =
+            open->functions().C_SetAttributeValue(open->handle(), objects->front(), change.data(), change.size());
+        if (set != CKR_OK)
+            return Failure{statusOfPKCS11(set)};
+        return {};
+    }
+    const auto sha1Hash = sha1(certificate);
+    const auto md5Hash = md5(certificate);
+    Template object = objectsOf(CKO_NSS_TRUST);
+    object.add(CKA_ISSUER, fields->issuer)
+        .add(CKA_SERIAL_NUMBER, fields->serial)
+        .add(CKA_CERT_SHA1_HASH, sha1Hash)
+        .add(CKA_CERT_MD5_HASH, md5Hash)
+        .addBool(CKA_TRUST_STEP_UP_APPROVED, false);
+    addTrustWords(object, trust);
+    return createObject(*open, object);
+}
+
+Status NSSDatabase::removeTrust(std::span<const std::uint8_t> certificate)
+{
+    const auto open = writingSession();
+    if (!open)
+        return open.failure();
+    return destroyFirst(*open, findTrust(*open, certificate), errSecItemNotFound);
+}
+
+} // namespace kf::keychain

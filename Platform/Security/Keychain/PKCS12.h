@@ -1,0 +1,26 @@
+// Reading PKCS#12 bundles (RFC 7292).
+#pragma once
+
+#include "Security/Keychain/Backend.h"
+
+namespace kf::keychain {
+
+struct BundleCertificate {
+    Bytes der;
+    std::string label; ///< the bundle's friendly name, else the certificate's own
+};
+
+/// A bundle that is whole: one private key, its certificate, and what helps to verify that.
+struct Bundle {
+    PrivateKey key;
+    BundleCertificate leaf;
+    std::vector<BundleCertificate> chain; ///< from the leaf's issuer upwards, then the rest
+};
+
+/// Reads a bundle and proves that its key belongs to its certificate. `passphrase`
+/// is UTF-8; an empty one is a pass phrase too. Takes seconds where the bundle's
+/// iteration counts are high. Errors: those of SecKeychainItemImport, and
+/// errSecDataTooLarge.
+Result<Bundle> readBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase);
+
+} // namespace kf::keychain
