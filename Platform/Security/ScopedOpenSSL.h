@@ -56,6 +56,7 @@ using ScopedEVP_PKEY_CTX = std::unique_ptr<EVP_PKEY_CTX, OpenSSLDeleter<EVP_PKEY
 using ScopedPKCS8_PRIV_KEY_INFO = std::unique_ptr<PKCS8_PRIV_KEY_INFO, OpenSSLDeleter<PKCS8_PRIV_KEY_INFO_free>>;
 using ScopedPKCS12 = std::unique_ptr<PKCS12, OpenSSLDeleter<PKCS12_free>>;
 using ScopedX509 = std::unique_ptr<X509, OpenSSLDeleter<X509_free>>;
+using ScopedX509_NAME = std::unique_ptr<X509_NAME, OpenSSLDeleter<X509_NAME_free>>;
 using ScopedX509Stack = std::unique_ptr<STACK_OF(X509), OpenSSLStackDeleter<X509, X509_free>>;
 using ScopedX509_STORE = std::unique_ptr<X509_STORE, OpenSSLDeleter<X509_STORE_free>>;
 using ScopedX509_STORE_CTX = std::unique_ptr<X509_STORE_CTX, OpenSSLDeleter<X509_STORE_CTX_free>>;
@@ -68,8 +69,8 @@ using ScopedPBE2PARAM = std::unique_ptr<PBE2PARAM, OpenSSLDeleter<PBE2PARAM_free
 using ScopedPBKDF2PARAM = std::unique_ptr<PBKDF2PARAM, OpenSSLDeleter<PBKDF2PARAM_free>>;
 using ScopedSCRYPT_PARAMS = std::unique_ptr<SCRYPT_PARAMS, OpenSSLDeleter<SCRYPT_PARAMS_free>>;
 using ScopedPKCS7Stack = std::unique_ptr<STACK_OF(PKCS7), OpenSSLStackDeleter<PKCS7, PKCS7_free>>;
-using ScopedSafeBagStack
-    = std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), OpenSSLStackDeleter<PKCS12_SAFEBAG, PKCS12_SAFEBAG_free>>;
+using ScopedSafeBagStack =
+    std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), OpenSSLStackDeleter<PKCS12_SAFEBAG, PKCS12_SAFEBAG_free>>;
 using ScopedOSSL_PROVIDER = std::unique_ptr<OSSL_PROVIDER, OpenSSLDeleter<OSSL_PROVIDER_unload>>;
 
 /// Takes out of the thread's error queue what was put there while it lives, so

@@ -5,7 +5,22 @@
 #include "Security/SecCertificate.h"
 #include "Security/SecPolicy.h"
 
-class SecTrust;
+#include <vector>
+
+/// Certificates to be evaluated under policies. Immutable. Any thread.
+class SecTrust final : public NSObject {
+public:
+    const std::vector<SecCertificateRef>& certificates() const noexcept { return certificates_; }
+    const char* className() const noexcept override { return "SecTrust"; }
+
+private:
+    template <class T, class... Arguments>
+    friend Ref<T> makeRef(Arguments&&...);
+    explicit SecTrust(std::vector<SecCertificateRef> certificates) noexcept;
+    ~SecTrust() override;
+
+    std::vector<SecCertificateRef> certificates_;
+};
 using SecTrustRef = Ref<SecTrust>;
 
 using SecTrustResultType = std::uint32_t;
@@ -20,9 +35,10 @@ inline constexpr SecTrustResultType kSecTrustResultOtherError = 7;
 
 /// What is to be evaluated: element 0 of `certificates` (an array of
 /// SecCertificate; one SecCertificate alone will do), the others only help to
-/// build its chain. `policies` is a SecPolicy or an array of them.
-OSStatus SecTrustCreateWithCertificates(const Ref<NSObject>& certificates, const Ref<NSObject>& policies,
-                                        SecTrustRef* trust);
+/// build its chain. `policies` is a SecPolicy or an array of them. errSecParam
+/// where either is nil, empty or holds something else. The caller owns `*trust`.
+OSStatus SecTrustCreateWithCertificates(
+    const Ref<NSObject>& certificates, const Ref<NSObject>& policies, SecTrustRef* trust);
 
 /// Evaluates element 0 now: kSecTrustResultDeny where a setting denies it or a
 /// certificate of its chain, kSecTrustResultProceed where its chain ends in a
@@ -31,6 +47,7 @@ OSStatus SecTrustCreateWithCertificates(const Ref<NSObject>& certificates, const
 /// alone, kSecTrustResultRecoverableTrustFailure (no anchor, expired, ...) or
 /// kSecTrustResultFatalTrustFailure (a signature is wrong) else. Where the
 /// evaluation itself fails, the status says why and `*result` stays as it was.
+/// Revocation is not checked. A keychain that cannot be read has no say.
 OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result);
 
 using SecTrustSettingsDomain = std::uint32_t;
@@ -58,10 +75,14 @@ extern const Ref<NSString> kSecTrustSettingsResult;
 /// certificate. The admin domain lies in the System keychain and needs rights:
 /// without them errAuthorizationDenied, at once.
 /// The system domain is the distribution's and cannot be written (errSecReadOnly).
-OSStatus SecTrustSettingsSetTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain,
-                                          const Ref<NSObject>& settings);
+/// A setting makes a self-signed certificate an anchor of chains; any other
+/// certificate is then trusted itself, and nothing that it issued. Of several
+/// dictionaries a denying one wins. errSecInvalidTrustSettings for entries of
+/// another kind, which might have narrowed the setting down.
+OSStatus SecTrustSettingsSetTrustSettings(
+    const SecCertificateRef& certificate, SecTrustSettingsDomain domain, const Ref<NSObject>& settings);
 /// The settings of a certificate in a domain, an array of dictionaries owned by
 /// the caller. errSecItemNotFound where there are none.
-OSStatus SecTrustSettingsCopyTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain,
-                                           Ref<NSArray>* settings);
+OSStatus SecTrustSettingsCopyTrustSettings(
+    const SecCertificateRef& certificate, SecTrustSettingsDomain domain, Ref<NSArray>* settings);
 OSStatus SecTrustSettingsRemoveTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain);

@@ -1,0 +1,84 @@
+#include "Security/Trust/DistributionStore.h"
+
+#include "Security/ScopedOpenSSL.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <openssl/pem.h>
+#include <utility>
+
+namespace kf::trust {
+
+namespace {
+
+/// The eight digits that begin the file names of a subject; empty where it is no name.
+std::string hashOf(std::span<const std::uint8_t> subject)
+{
+    const unsigned char* position = subject.data();
+    const ScopedX509_NAME name(d2i_X509_NAME(nullptr, &position, static_cast<long>(subject.size())));
+    int valid = 0;
+    const unsigned long hash = name ? X509_NAME_hash_ex(name.get(), nullptr, nullptr, &valid) : 0;
+    if (valid != 1)
+        return {};
+    char text[9];
+    std::snprintf(text, sizeof text, "%08lx", hash & 0xFFFFFFFFUL);
+    return text;
+}
+
+/// The first certificate of a PEM file; empty where it holds none.
+Bytes readCertificate(BIO* file)
+{
+    const ScopedX509 certificate(PEM_read_bio_X509_AUX(file, nullptr, nullptr, nullptr));
+    unsigned char* bytes = nullptr;
+    const int length = certificate ? i2d_X509(certificate.get(), &bytes) : -1;
+    const ScopedOpenSSLBytes owner(bytes);
+    return length > 0 ? Bytes(bytes, bytes + length) : Bytes();
+}
+
+std::mutex mutex;
+std::shared_ptr<const DistributionStore>& chosenStore()
+{
+    static std::shared_ptr<const DistributionStore> store;
+    return store;
+}
+
+} // namespace
+
+DistributionStore::~DistributionStore() = default;
+
+HashedDirectoryStore::HashedDirectoryStore(std::string directory) : directory_(std::move(directory)) { }
+
+std::vector<Bytes> HashedDirectoryStore::certificatesWithSubject(std::span<const std::uint8_t> subject) const
+{
+    const OpenSSLErrorMark mark;
+    std::vector<Bytes> found;
+    const std::string hash = hashOf(subject);
+    if (hash.empty())
+        return found;
+    // Names with one hash are numbered without a gap.
+    for (int number = 0;; ++number) {
+        const std::string path = directory_ + "/" + hash + "." + std::to_string(number);
+        const ScopedBIOChain file(BIO_new_file(path.c_str(), "rb"));
+        if (!file)
+            return found;
+        Bytes der = readCertificate(file.get());
+        const auto fields = readCertificateFields(der);
+        if (fields && std::ranges::equal(fields->subject, subject))
+            found.push_back(std::move(der));
+    }
+}
+
+std::shared_ptr<const DistributionStore> distributionStore()
+{
+    const std::lock_guard lock(mutex);
+    return chosenStore() ? chosenStore() : std::make_shared<HashedDirectoryStore>("/etc/ssl/certs");
+}
+
+std::shared_ptr<const DistributionStore> setDistributionStore(std::shared_ptr<const DistributionStore> store)
+{
+    const std::lock_guard lock(mutex);
+    return std::exchange(chosenStore(), std::move(store));
+}
+
+} // namespace kf::trust
