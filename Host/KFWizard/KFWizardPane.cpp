@@ -43,9 +43,14 @@ void KFWizardPane::showAlertOnMainThread(const Ref<NSAlert>& alert)
         alert->beginSheetModalForWindow(contentView_->window(), {});
 }
 
+QString KFWizardPane::interfaceName() const
+{
+    return QString::fromLatin1(metaObject()->className());
+}
+
 bool KFWizardPane::loadInterface(const Ref<NSBundle>& bundle, QString* problem)
 {
-    const QString name = QString::fromLatin1(metaObject()->className());
+    const QString name = interfaceName();
     const Ref<NSString> path = bundle ? bundle->pathForResource(kf::toNSString(name), "ui"_ns) : nullptr;
     if (!path) {
         *problem = tr("The interface file %1.ui is missing.").arg(name);

@@ -43,11 +43,14 @@ public:
     /// Shows an alert on the page's window and returns at once.
     virtual void showAlertOnMainThread(const Ref<NSAlert>& alert);
 
-    /// Loads the page's view from the interface file CLASS.ui among the
-    /// resources of `bundle`, connects the outlets and sends awakeFromNib.
+    /// Loads the page's view from its interface file among the resources of
+    /// `bundle`, connects the outlets and sends awakeFromNib.
     /// False, and `*problem` says why, where the file is missing or broken or
     /// lacks an outlet; the page is unusable then.
     bool loadInterface(const Ref<NSBundle>& bundle, QString* problem);
+
+    /// Name of the interface file, without ".ui": that of the class.
+    virtual QString interfaceName() const;
 
     // What a page asks of the wizard.
 

@@ -87,7 +87,7 @@ QLayout* WizardWindow::makeFooter()
     QFont font = messageField_->font();
     font.setBold(true);
     messageField_->setFont(font);
-    messageField_->setAccessibleName(tr("Summary"));
+    messageField_->setAccessibleDescription(tr("Summary"));
 
     activityLabel_ = textLabel("activityLabel");
     activityLabel_->setVisible(false);
@@ -147,6 +147,12 @@ std::vector<KFWizardPane*> WizardWindow::panes() const
             all.push_back(pane.get());
     }
     return all;
+}
+
+KFWizardPane* WizardWindow::firstPane() const
+{
+    const std::vector<KFWizardPane*> all = panes();
+    return all.empty() ? nullptr : all.front();
 }
 
 KFWizardPane* WizardWindow::nextPane() const

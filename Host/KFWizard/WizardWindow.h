@@ -27,6 +27,8 @@ public:
     /// before they are shown.
     KFWizardSection* addSection();
 
+    /// Null while there is no page.
+    KFWizardPane* firstPane() const;
     KFWizardPane* currentPane() const noexcept { return current_; }
     /// Leaves the current page and enters another one, whatever stands between
     /// them: for the program. What a person may do, goNext and goPrevious decide.

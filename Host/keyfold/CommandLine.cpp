@@ -1,0 +1,111 @@
+#include "keyfold/CommandLine.h"
+
+#include <map>
+#include <set>
+#include <string_view>
+
+namespace kf {
+
+namespace {
+
+UsageError misuse(std::string_view what, std::string_view option)
+{
+    return {std::string(what) + ": " + std::string(option)};
+}
+
+std::optional<UsageError> missingForBatch(const CommandLine& line)
+{
+    if (line.login.empty())
+        return UsageError{"--batch needs --login with a name"};
+    if (line.pkcs12File.empty())
+        return UsageError{"--batch needs --pkcs12 with a file"};
+    if (line.passphraseFile.empty())
+        return UsageError{"--batch needs --passphrase-file with a file, or - for standard input"};
+    return std::nullopt;
+}
+
+} // namespace
+
+std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* const> arguments)
+{
+    CommandLine line;
+    std::string deleteOld;
+    const std::map<std::string_view, std::string*> values = {
+        {"--login", &line.login},
+        {"--pkcs12", &line.pkcs12File},
+        {"--passphrase-file", &line.passphraseFile},
+        {"--picture", &line.pictureFile},
+        {"--bundle", &line.bundle},
+        {"--delete-old", &deleteOld},
+    };
+    const std::set<std::string_view> batchOnly = {"--passphrase-file", "--picture", "--delete-old"};
+    std::set<std::string_view> given;
+
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const std::string_view argument = arguments[i];
+        if (argument == "--help" || argument == "-h") {
+            line.action = CommandLine::Action::help;
+            return line;
+        }
+        if (argument == "--version") {
+            line.action = CommandLine::Action::version;
+            return line;
+        }
+        if (argument == "--batch") {
+            line.action = CommandLine::Action::batch;
+            continue;
+        }
+        const std::size_t equals = argument.find('=');
+        const auto option = values.find(argument.substr(0, equals));
+        if (option == values.end())
+            return misuse("unknown argument", argument);
+        if (!given.insert(option->first).second)
+            return misuse("given twice", option->first);
+        if (equals != std::string_view::npos)
+            *option->second = argument.substr(equals + 1);
+        else if (++i < arguments.size())
+            *option->second = arguments[i];
+        else
+            return misuse("a value is missing after", option->first);
+    }
+
+    if (!deleteOld.empty() && deleteOld != "yes" && deleteOld != "no")
+        return misuse("--delete-old takes yes or no, not", deleteOld);
+    line.deleteOld = deleteOld == "yes";
+    if (line.action == CommandLine::Action::batch) {
+        if (const auto error = missingForBatch(line))
+            return *error;
+        return line;
+    }
+    for (const std::string_view option : batchOnly) {
+        if (given.contains(option))
+            return misuse("only for --batch", option);
+    }
+    return line;
+}
+
+const char* usageText()
+{
+    return R"(keyfold installs an institution's root certificate and a member's own certificate.
+
+  keyfold [--login NAME] [--pkcs12 FILE]
+      opens the wizard, with its fields filled in where given
+  keyfold --batch --login NAME --pkcs12 FILE --passphrase-file FILE|-
+          [--delete-old yes|no] [--picture FILE]
+      does the same without a display and prints what the page says
+
+  --login NAME            the login name, without the e-mail domain
+  --pkcs12 FILE           the PKCS#12 bundle: binary (.p12, .pfx) or base64 text
+  --passphrase-file FILE  its pass phrase, the first line of FILE; - reads standard input
+  --delete-old yes        deletes old certificates of the person, old mail keys included: mail
+                          encrypted for them can never be read again. Without it they are kept.
+  --picture FILE          writes a picture (PNG) of the page after the run
+  --bundle DIRECTORY      takes the page from another plug-in bundle
+  --help, --version
+
+Exit status: 0 personal certificate installed, 1 not installed, 2 wrong usage, 3 a file cannot be
+read, 4 the page cannot be loaded, 5 no display, 6 installed but the picture cannot be written.
+)";
+}
+
+} // namespace kf

@@ -1,0 +1,2 @@
+extern "C" int somethingElse();
+extern "C" int somethingElse() { return 1; }
