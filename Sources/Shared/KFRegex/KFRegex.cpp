@@ -633,7 +633,10 @@ bool kfr_setCacheSlotToString(CacheSlot* slot, const NSRange* range, UErrorCode*
     slot->setToRange = *range;
     uregex_setText(
         slot->icu_regex.get(), slot->setToUniChar + range->location, static_cast<std::int32_t>(range->length), status);
-    return U_SUCCESS(*status);
+    if (U_SUCCESS(*status))
+        return true;
+    slot->setToRange = notFound; // or the next call would take this text for set
+    return false;
 }
 
 /// Makes `matchString` the slot's subject. The text that ICU was set to before
@@ -1078,11 +1081,11 @@ void forgetChangingSubject(CacheSlot* slot) noexcept
         }
         if (*status != U_BUFFER_OVERFLOW_ERROR || isRetry)
             break;
+        *status = U_ZERO_ERROR;
         capacity = counts.needed + 4;
         result = stack.take<char16_t>(capacity, scratchBuffer[0]);
         if (!result)
             return nullptr;
-        *status = U_ZERO_ERROR;
     }
     if (U_FAILURE(*status))
         return nullptr;
