@@ -93,8 +93,8 @@ public:
 
     // All that follows needs a turn and gives errSecInteractionNotAllowed while locked; a failure changes nothing.
 
-    /// errSecDuplicateItem where it is there. Where another subject's certificate bears the label already, " #2" and so
-    /// on is added; where a certificate of the same subject bears another one, that one is taken.
+    /// errSecDuplicateItem where it is there, errSecUnknownFormat where it is no certificate. Where another subject's
+    /// certificate bears the label already, " #2" and so on is added; certificates of one subject may share a label.
     virtual Status addCertificate(std::span<const std::uint8_t> der, const std::string& label) = 0;
     /// errSecDuplicateItem where a key of that identifier is there.
     virtual Status addPrivateKey(const PrivateKey& key) = 0;

@@ -9,7 +9,7 @@ namespace {
 
 struct StoredCertificate {
     Bytes der;
-    Bytes subject; ///< empty where the bytes are no certificate
+    Bytes subject;
     std::string label;
 };
 
@@ -19,12 +19,6 @@ struct StoredTrust {
 };
 
 bool sameBytes(const Bytes& stored, std::span<const std::uint8_t> wanted) { return std::ranges::equal(stored, wanted); }
-
-Bytes subjectOf(std::span<const std::uint8_t> der)
-{
-    const auto fields = readCertificateFields(der);
-    return fields ? Bytes(fields->subject.begin(), fields->subject.end()) : Bytes();
-}
 
 } // namespace
 
@@ -146,7 +140,10 @@ public:
             return writable;
         if (findCertificate(der) != objects_->certificates.end())
             return Failure{errSecDuplicateItem};
-        Bytes subject = subjectOf(der);
+        const auto fields = readCertificateFields(der);
+        if (!fields)
+            return fields.failure();
+        Bytes subject(fields->subject.begin(), fields->subject.end());
         std::string chosen = labelFor(subject, label);
         objects_->certificates.push_back({Bytes(der.begin(), der.end()), std::move(subject), std::move(chosen)});
         return changed();
@@ -256,9 +253,6 @@ private:
 
     std::string labelFor(const Bytes& subject, const std::string& wanted) const
     {
-        for (const auto& stored : objects_->certificates)
-            if (!subject.empty() && stored.subject == subject)
-                return stored.label;
         std::string label = wanted;
         for (int number = 2; isTaken(label, subject); ++number)
             label = wanted + " #" + std::to_string(number);
