@@ -45,13 +45,17 @@ bool equalUnits(std::span<const std::uint8_t> narrow, std::u16string_view wide) 
     return std::equal(narrow.begin(), narrow.end(), wide.begin(), wide.end());
 }
 
-bool fitsLatin1(std::u16string_view units) noexcept
+/// Without a way out of the loop the compiler looks at many units at once.
+template <class Units>
+auto allBits(const Units& units) noexcept
 {
-    char16_t all = 0;
-    for (const char16_t unit : units)
+    typename Units::value_type all = 0;
+    for (const auto unit : units)
         all |= unit;
-    return all <= 0xFF;
+    return all;
 }
+
+bool fitsLatin1(std::u16string_view units) noexcept { return allBits(units) <= 0xFF; }
 
 /// Four 8-bit characters as four 16-bit units.
 constexpr std::uint64_t spread(std::uint32_t fourBytes) noexcept
@@ -257,9 +261,31 @@ std::u16string NSString::characters() const
     return std::u16string(latin1().begin(), latin1().end());
 }
 
+namespace {
+
+/// ASCII text, which is the common case by far, is UTF-8 as it stands.
+template <class Units>
+bool copyASCII(const Units& units, std::string& text)
+{
+    if (allBits(units) >= 0x80)
+        return false;
+    text.resize(units.size());
+    std::transform(units.begin(), units.end(), text.begin(), [](auto unit) { return static_cast<char>(unit); });
+    return true;
+}
+
+bool copyASCII(const NSString& string, std::string& text)
+{
+    return string.isWide() ? copyASCII(string.utf16(), text) : copyASCII(string.latin1(), text);
+}
+
+} // namespace
+
 std::optional<std::string> NSString::UTF8String() const
 {
     std::string text;
+    if (copyASCII(*this, text))
+        return text;
     text.reserve(static_cast<std::size_t>(length_));
     for (CodePoints points(*this); !points.atEnd();) {
         const char32_t codePoint = points.next();
@@ -275,6 +301,8 @@ std::string toUTF8(const NSString* string)
     if (!string)
         return "(null)";
     std::string text;
+    if (copyASCII(*string, text))
+        return text;
     text.reserve(static_cast<std::size_t>(string->length()));
     for (CodePoints points(*string); !points.atEnd();) {
         const char32_t codePoint = points.next();
