@@ -50,6 +50,13 @@ void printStates(const QWidget& view)
     }
 }
 
+// What Qt says of an environment without a desktop is not what the page says.
+void tellTrouble(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    if (type == QtCriticalMsg || type == QtFatalMsg)
+        std::fprintf(stderr, "keyfold: %s\n", message.toLocal8Bit().constData());
+}
+
 int fail(int status, const std::string& message)
 {
     std::fprintf(stderr, "keyfold: %s\n", message.c_str());
