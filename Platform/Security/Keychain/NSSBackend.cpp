@@ -14,6 +14,12 @@ namespace kf::keychain {
 
 namespace {
 
+/// NSS would measure the file system's speed at each opening, for tens of
+/// milliseconds, and might then work on a private copy, blind to other
+/// processes. Said while the library is loaded, when no other thread reads the
+/// environment yet.
+[[maybe_unused]] const int cacheRefused = ::setenv("NSS_SDB_USE_CACHE", "no", 0);
+
 constexpr int inspections = 4;
 constexpr auto betweenInspections = std::chrono::milliseconds(25);
 
@@ -108,9 +114,6 @@ private:
     {
         if (startedNSS_ || NSS_IsInitialized())
             return {};
-        // NSS would measure the file system's speed, for tens of milliseconds,
-        // and might then work on a private copy, blind to other processes.
-        ::setenv("NSS_SDB_USE_CACHE", "no", 0);
         if (NSS_NoDB_Init(nullptr) != SECSuccess)
             return Failure{errSecNotAvailable};
         startedNSS_ = true;
