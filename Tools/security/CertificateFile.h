@@ -1,0 +1,30 @@
+// Reading the one certificate that a command is about.
+#pragma once
+
+#include "Security/Certificate/CertificateFields.h"
+
+#include <optional>
+#include <string>
+
+namespace kf::security {
+
+/// A certificate from a file, or why there is none.
+struct CertificateFile {
+    std::optional<Bytes> der;
+    std::string error;
+};
+
+/// Reads exactly one certificate, DER or PEM, from a regular file of at most
+/// 64 KiB. The file is opened once, so that what was checked is what is used;
+/// as root without following a link at the end of the path.
+CertificateFile readCertificateFile(const std::string& path);
+
+/// Why a certificate must not become a trusted authority; empty where it may:
+/// it signed itself, is an authority, has not expired and has a key of at least
+/// 112 bits of strength (RSA 2048).
+std::string whyNotAdmissible(const Bytes& der);
+
+/// SHA-256 in hexadecimal.
+std::string digestText(const Bytes& der);
+
+} // namespace kf::security

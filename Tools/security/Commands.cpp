@@ -1,0 +1,86 @@
+#include "security/Commands.h"
+
+#include <algorithm>
+#include <array>
+#include <iostream>
+
+namespace kf::security {
+
+namespace {
+
+constexpr std::array commandTable = {
+    Command{"add-trusted-cert", "dhk:r:", "[-d] [-r trustRoot] [-k keychain] certFile",
+        "Adds a root certificate (DER or PEM) to a keychain and trusts it for servers and e-mail.\n"
+        "  -d            for everybody on this computer, in the System keychain and in the\n"
+        "                distribution's trust store; needs administrator rights\n"
+        "  -r trustRoot  the kind of trust; trustRoot is the default and the only one\n"
+        "  -k keychain   the directory of a keychain that gets the certificate\n",
+        addTrustedCert},
+    Command{"remove-trusted-cert", "dh", "[-d] certFile",
+        "Takes back what add-trusted-cert did for a certificate.\n"
+        "  -d            for everybody on this computer; needs administrator rights. The\n"
+        "                certificate leaves the System keychain and the trust store.\n"
+        "                Without -d its trust is taken from it; it stays in the keychain.\n",
+        removeTrustedCert},
+};
+
+const Command* find(std::string_view name)
+{
+    const auto found = std::ranges::find(commandTable, name, &Command::name);
+    return found == commandTable.end() ? nullptr : &*found;
+}
+
+void printUsage(std::ostream& stream)
+{
+    stream << "usage: security command [options] ...\n";
+    for (const Command& command : commandTable)
+        stream << "  security " << command.name << ' ' << command.synopsis << '\n';
+    stream << "security command -h explains a command.\n"
+              "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
+}
+
+void printUsage(std::ostream& stream, const Command& command)
+{
+    stream << "usage: security " << command.name << ' ' << command.synopsis << '\n';
+}
+
+} // namespace
+
+std::span<const Command> commands() { return commandTable; }
+
+int wrongUse(std::string_view name, std::string_view error)
+{
+    std::cerr << "security " << name << ": " << error << '\n';
+    if (const Command* command = find(name))
+        printUsage(std::cerr, *command);
+    return exitUsage;
+}
+
+int run(const std::vector<std::string>& words)
+{
+    if (words.empty()) {
+        printUsage(std::cerr);
+        return exitUsage;
+    }
+    if (words[0] == "-h" || words[0] == "--help" || words[0] == "help") {
+        printUsage(std::cout);
+        return exitSuccess;
+    }
+    const Command* command = find(words[0]);
+    if (!command) {
+        std::cerr << "security: unknown command \"" << words[0] << "\"\n";
+        printUsage(std::cerr);
+        return exitUsage;
+    }
+    const auto parsed = parseArguments({words.begin() + 1, words.end()}, std::string(command->letters));
+    if (!parsed.error.empty())
+        return wrongUse(command->name, parsed.error);
+    if (parsed.arguments.has('h')) {
+        printUsage(std::cout, *command);
+        std::cout << command->help;
+        return exitSuccess;
+    }
+    return command->run(parsed.arguments);
+}
+
+} // namespace kf::security

@@ -1,0 +1,27 @@
+// What the two commands about trusted certificates share.
+#pragma once
+
+#include "Security/Certificate/CertificateFields.h"
+#include "Security/SecTrust.h"
+
+#include <string>
+
+namespace kf::security {
+
+/// The one operand's certificate, read and parsed.
+struct TrustedCertificate {
+    std::string path;
+    Bytes der;
+    SecCertificateRef certificate; ///< nil where it could not be read; that has been told then
+};
+
+/// Reads it; tells on standard error why it cannot.
+TrustedCertificate readOperand(const std::string& path);
+
+/// Tells what came of one place; returns `succeeded`.
+bool report(const std::string& place, bool succeeded, const std::string& text);
+
+/// The platform's text for a status.
+std::string statusText(OSStatus status);
+
+} // namespace kf::security

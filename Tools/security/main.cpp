@@ -1,0 +1,39 @@
+#include "security/Commands.h"
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/// An environment of root's own: libraries take orders from variables.
+void cleanEnvironment()
+{
+    std::map<std::string, std::string> kept = {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}, {"LC_ALL", "C.UTF-8"}};
+    for (const char* name : {"HOME", "KEYFOLD_AUTHORIZATION"}) {
+        if (const char* value = std::getenv(name))
+            kept[name] = value;
+    }
+    ::clearenv();
+    for (const auto& [name, value] : kept)
+        ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+} // namespace
+
+int main(int count, char** words)
+{
+    if (::geteuid() == 0) {
+        cleanEnvironment();
+        ::umask(022); // what everybody is to read
+    }
+    try {
+        return kf::security::run({words + (count > 0 ? 1 : 0), words + count});
+    } catch (const std::exception& error) {
+        std::cerr << "security: " << error.what() << '\n';
+        return kf::security::exitFailure;
+    }
+}
