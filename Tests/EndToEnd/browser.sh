@@ -24,7 +24,7 @@ visit() {
 }
 
 visit before
-expect "Chromium distrusts the server before" grep -q "ERR_CERT_AUTHORITY_INVALID" before.html
+expect "Chromium distrusts the server before" grep -q "ERR_CERT_AUTHORITY_INVALID" before.log
 
 wizard berta
 [ "$status" = 0 ] || fail "exit status $status"
