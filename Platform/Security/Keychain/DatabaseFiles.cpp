@@ -105,15 +105,21 @@ Status checkAncestor(const std::filesystem::path& directory)
     return {};
 }
 
-Status makeDirectories(const std::filesystem::path& directory)
+/// A directory with exactly this mode, whatever the process's mask.
+bool makeDirectory(const std::filesystem::path& directory, mode_t mode)
 {
-    if (directory == directory.root_path() || ::mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST)
+    return ::mkdir(directory.c_str(), mode) == 0 && ::chmod(directory.c_str(), mode) == 0;
+}
+
+Status makeDirectories(const std::filesystem::path& directory, mode_t mode)
+{
+    if (directory == directory.root_path() || makeDirectory(directory, mode) || errno == EEXIST)
         return {};
     if (errno != ENOENT)
         return writingFailure(errno);
-    if (const auto made = makeDirectories(directory.parent_path()); !made)
+    if (const auto made = makeDirectories(directory.parent_path(), mode); !made)
         return made;
-    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
+    if (!makeDirectory(directory, mode) && errno != EEXIST)
         return writingFailure(errno);
     return {};
 }
@@ -198,21 +204,21 @@ Result<Generation> databaseGeneration(const std::string& path)
     return generation;
 }
 
-NewDatabase::NewDatabase(std::string path, int parentLock) noexcept
-    : path_(std::move(path)), parentLock_(parentLock) { }
+NewDatabase::NewDatabase(std::string path, bool readableByAll, int parentLock) noexcept
+    : path_(std::move(path)), readableByAll_(readableByAll), parentLock_(parentLock) { }
 
-Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path)
+Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path, bool readableByAll)
 {
     const std::filesystem::path target(path);
     const std::filesystem::path parent = target.parent_path();
     if (const auto allowed = checkAncestor(target); !allowed)
         return allowed.failure();
-    if (const auto made = makeDirectories(parent); !made)
+    if (const auto made = makeDirectories(parent, readableByAll ? 0755 : 0700); !made)
         return made.failure();
     const int lock = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (lock < 0)
         return writingFailure(errno);
-    std::unique_ptr<NewDatabase> fresh(new NewDatabase(path, lock));
+    std::unique_ptr<NewDatabase> fresh(new NewDatabase(path, readableByAll, lock));
     // One maker at a time; what an earlier one that died left behind goes.
     if (::flock(lock, LOCK_EX) != 0)
         return Failure{errSecIO};
@@ -233,11 +239,11 @@ NewDatabase::~NewDatabase()
     ::close(parentLock_);
 }
 
-Status NewDatabase::moveIntoPlace(bool readableByAll)
+Status NewDatabase::moveIntoPlace()
 {
     if (holdsDatabaseFiles(path_))
         return {};
-    if (readableByAll
+    if (readableByAll_
         && (::chmod(directory_.c_str(), 0755) != 0 || ::chmod(fileIn(directory_, "cert9.db").c_str(), 0644) != 0))
         return writingFailure(errno);
     if (::rename(directory_.c_str(), path_.c_str()) == 0)

@@ -39,9 +39,10 @@ Result<Generation> databaseGeneration(const std::string& path);
 /// half-made database. Removed, with what is in it, unless it was moved.
 class NewDatabase {
 public:
-    /// Makes the parents too (0700). errSecWrPerm where they belong to somebody
+    /// Makes the parents too (0700, or 0755 where everybody is to read
+    /// certificates). errSecWrPerm where they belong to somebody
     /// else, errSecReadOnly where this user may not write there.
-    static Result<std::unique_ptr<NewDatabase>> begin(const std::string& path);
+    static Result<std::unique_ptr<NewDatabase>> begin(const std::string& path, bool readableByAll);
     NewDatabase(const NewDatabase&) = delete;
     NewDatabase& operator=(const NewDatabase&) = delete;
     ~NewDatabase();
@@ -49,13 +50,14 @@ public:
     const std::string& directory() const noexcept { return directory_; }
     /// Moves the files to their place. Success also where somebody else has
     /// made a database there meanwhile: theirs stays.
-    Status moveIntoPlace(bool readableByAll);
+    Status moveIntoPlace();
 
 private:
-    NewDatabase(std::string path, int parentLock) noexcept;
+    NewDatabase(std::string path, bool readableByAll, int parentLock) noexcept;
 
     std::string path_;
     std::string directory_;
+    bool readableByAll_;
     int parentLock_;
 };
 

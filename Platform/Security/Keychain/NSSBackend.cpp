@@ -57,7 +57,7 @@ ScopedUserSlot openSlot(const std::string& directory, const char* flags)
 
 Status makeDatabase(const std::string& path)
 {
-    const auto fresh = NewDatabase::begin(path);
+    const auto fresh = NewDatabase::begin(path, path == systemKeychainPath);
     if (!fresh)
         return fresh.failure();
     {
@@ -68,7 +68,7 @@ Status makeDatabase(const std::string& path)
         if (PK11_NeedUserInit(slot.get()) && PK11_InitPin(slot.get(), nullptr, "") != SECSuccess)
             return Failure{errSecIO};
     }
-    return (*fresh)->moveIntoPlace(path == systemKeychainPath);
+    return (*fresh)->moveIntoPlace();
 }
 
 } // namespace
