@@ -104,7 +104,7 @@ struct BundleOptions {
     std::string email = "ada@orvane.example";
     EmailPlace emailPlace = EmailPlace::alternativeName; ///< both: the address stands in the certificate twice
     std::string passphrase = "correct horse";            ///< UTF-8
-    std::string friendlyName;                            ///< empty: none
+    std::string friendlyName = {};                       ///< empty: none
     bool withChain = false;                              ///< the issuing authority and the root go into the bundle
     bool legacy = false;                                 ///< RC2 and 3DES with SHA-1, as old programs write
     bool withoutCertificate = false;

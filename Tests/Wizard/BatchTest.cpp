@@ -1,0 +1,239 @@
+// Batch mode, as real processes.
+
+#include "Tests/Support/Fixtures.h"
+#include "Tests/Support/ScratchHome.h"
+
+#include <gmock/gmock.h>
+
+#include <QImage>
+
+#include <algorithm>
+
+namespace {
+
+using namespace kf::test;
+using testing::HasSubstr;
+using testing::Not;
+
+Authority& institution()
+{
+    static Authority authority;
+    return authority;
+}
+
+class Batch : public testing::Test {
+protected:
+    Batch() : bundle_(sharedBundle())
+    {
+        writeFile(home_.path() / "passphrase", std::string_view(bundle_.passphrase + "\n"));
+    }
+    static const Bundle& sharedBundle()
+    {
+        static const Bundle bundle = institution().issue();
+        return bundle;
+    }
+    std::string passphraseFile() const { return (home_.path() / "passphrase").string(); }
+    std::string keychain() const { return "sql:" + home_.defaultKeychain().string(); }
+    int keys() const
+    {
+        const std::string listed = run({"certutil", "-K", "-d", keychain()}).output;
+        return static_cast<int>(std::count(listed.begin(), listed.end(), '<'));
+    }
+    Ran keyfold(std::vector<std::string> arguments) const
+    {
+        std::vector<std::string> command = {"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY", "-u", "QT_QPA_PLATFORM",
+            "-u", "XDG_RUNTIME_DIR", "timeout", "60", KEYFOLD_PROGRAM};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        return run(command);
+    }
+    Ran batch(std::vector<std::string> more = {}) const
+    {
+        std::vector<std::string> arguments = {
+            "--batch", "--login", "ada", "--pkcs12", bundle_.file, "--passphrase-file", passphraseFile()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return keyfold(arguments);
+    }
+
+    ScratchHome home_;
+    const Bundle& bundle_;
+};
+
+TEST_F(Batch, InstallsAndPrintsWhatAPersonWouldHaveRead)
+{
+    const Ran ran = batch();
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_EQ(ran.output,
+        "Install Your Certificates\n"
+        "Certificate authority: Certificate authority is valid\n"
+        "Personal certificate: Installing your personal certificate\n"
+        "Personal certificate: Personal certificate has been successfully installed\n"
+        "Summary: Your certificates were successfully installed\n"
+        "Certificate authority: succeeded\n"
+        "Personal certificate: succeeded\n");
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, TheSameAgainChangesNothing)
+{
+    EXPECT_EQ(batch().status, 0);
+    const std::string before = mustRun({"certutil", "-L", "-d", keychain()});
+    EXPECT_EQ(batch().status, 0);
+    EXPECT_EQ(mustRun({"certutil", "-L", "-d", keychain()}), before);
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, TellsAFailureByItsStatusAndItsText)
+{
+    writeFile(passphraseFile(), std::string_view("wrong\n"));
+    const Ran ran = batch();
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("Personal certificate: Failed to install your personal certificate:\n"));
+    EXPECT_THAT(ran.output, HasSubstr("Summary: There was an error while installing your certificates\n"));
+    EXPECT_THAT(ran.output, HasSubstr("Personal certificate: failed\n"));
+    EXPECT_EQ(keys(), 0);
+}
+
+TEST_F(Batch, ReadsThePassphraseFromStandardInput)
+{
+    const Ran ran =
+        run({"sh", "-c", "printf %s \"$1\" | timeout 60 \"$2\" --batch --login ada --pkcs12 \"$3\" --passphrase-file -",
+            "sh", bundle_.passphrase, KEYFOLD_PROGRAM, bundle_.file});
+    EXPECT_EQ(ran.status, 0) << ran.output;
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, APassphraseOfAllKindsOfCharacters)
+{
+    const Bundle bundle = institution().issue({.passphrase = "Grüße aus 東京 \t \"'$"});
+    writeFile(passphraseFile(), std::string_view(bundle.passphrase + "\r\nsecond line\n"));
+    const Ran ran = keyfold(
+        {"--batch", "--login=ada", "--pkcs12=" + bundle.file.string(), "--passphrase-file=" + passphraseFile()});
+    EXPECT_EQ(ran.status, 0) << ran.output;
+}
+
+TEST_F(Batch, DeletesOldCertificatesOnlyWhenTold)
+{
+    const auto again = [this](std::vector<std::string> more) {
+        const Bundle bundle = institution().issue();
+        std::vector<std::string> arguments = {
+            "--batch", "--login", "ada", "--pkcs12", bundle.file, "--passphrase-file", passphraseFile()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        EXPECT_EQ(keyfold(arguments).status, 0);
+    };
+    EXPECT_EQ(batch().status, 0);
+    again({});
+    EXPECT_EQ(keys(), 2);
+    again({"--delete-old", "no"});
+    EXPECT_EQ(keys(), 3);
+    again({"--delete-old", "yes"});
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, WritesAPictureOfThePage)
+{
+    const auto picture = home_.path() / "page.png";
+    EXPECT_EQ(batch({"--picture", picture}).status, 0);
+    const QImage image(QString::fromStdString(picture.string()));
+    EXPECT_GE(image.width(), 600);
+    EXPECT_GE(image.height(), 400);
+}
+
+TEST_F(Batch, TellsThatThePictureCannotBeWritten)
+{
+    const Ran ran = batch({"--picture", "/nonexistent/page.png"});
+    EXPECT_EQ(ran.status, 6);
+    EXPECT_THAT(ran.output, HasSubstr("keyfold: /nonexistent/page.png cannot be written\n"));
+    EXPECT_EQ(keys(), 1);
+}
+
+struct Misuse {
+    const char* name;
+    std::vector<std::string> arguments;
+    const char* message;
+};
+
+class BatchMisuse : public Batch, public testing::WithParamInterface<Misuse> { };
+
+TEST_P(BatchMisuse, IsRefusedBeforeAnythingIsDone)
+{
+    const Ran ran = keyfold(GetParam().arguments);
+    EXPECT_EQ(ran.status, 2);
+    EXPECT_EQ(ran.output, std::string("keyfold: ") + GetParam().message + "\nkeyfold --help tells more.\n");
+    EXPECT_FALSE(std::filesystem::exists(home_.defaultKeychain()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, BatchMisuse,
+    testing::Values(Misuse{"NoLogin", {"--batch"}, "--batch needs --login with a name"},
+        Misuse{"EmptyLogin", {"--batch", "--login", ""}, "--batch needs --login with a name"},
+        Misuse{"NoBundle", {"--batch", "--login", "a"}, "--batch needs --pkcs12 with a file"},
+        Misuse{"NoPassphrase", {"--batch", "--login", "a", "--pkcs12", "f"},
+            "--batch needs --passphrase-file with a file, or - for standard input"},
+        Misuse{"NoValue", {"--batch", "--login"}, "a value is missing after: --login"},
+        Misuse{"Twice", {"--login", "a", "--login=b"}, "given twice: --login"},
+        Misuse{"Unknown", {"--passphrase", "geheim"}, "unknown argument: --passphrase"},
+        Misuse{"DeleteWhat", {"--batch", "--delete-old", "maybe"}, "--delete-old takes yes or no, not: maybe"},
+        Misuse{"WindowWithPassphrase", {"--passphrase-file", "f"}, "only for --batch: --passphrase-file"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Batch, TellsABundleThatCannotBeRead)
+{
+    const Ran ran =
+        keyfold({"--batch", "--login", "ada", "--pkcs12", "/nonexistent", "--passphrase-file", passphraseFile()});
+    EXPECT_EQ(ran.status, 3);
+    EXPECT_EQ(ran.output, "keyfold: /nonexistent cannot be read: No such file or directory\n");
+}
+
+TEST_F(Batch, TellsAPassphraseThatCannotBeRead)
+{
+    const auto withFile = [this](const std::string& file) {
+        return keyfold({"--batch", "--login", "ada", "--pkcs12", bundle_.file, "--passphrase-file", file});
+    };
+    EXPECT_EQ(withFile("/nonexistent").status, 3);
+    EXPECT_EQ(withFile("/").status, 3);
+    writeFile(passphraseFile(), std::string_view("\xff\xfe\n"));
+    EXPECT_THAT(withFile(passphraseFile()).output, HasSubstr("holds no UTF-8 text"));
+    writeFile(passphraseFile(), std::string_view(std::string(5000, 'x')));
+    EXPECT_THAT(withFile(passphraseFile()).output, HasSubstr("is longer than 4096 bytes"));
+    EXPECT_FALSE(std::filesystem::exists(home_.defaultKeychain()));
+}
+
+TEST_F(Batch, TellsEmptyAndEndlessBundles)
+{
+    writeFile(home_.path() / "empty", std::string_view());
+    for (const std::string& file : {(home_.path() / "empty").string(), std::string("/dev/zero")})
+        EXPECT_EQ(
+            keyfold({"--batch", "--login", "ada", "--pkcs12", file, "--passphrase-file", passphraseFile()}).status, 3);
+}
+
+TEST_F(Batch, TellsAPageThatCannotBeLoaded)
+{
+    const Ran ran = batch({"--bundle", "/nonexistent"});
+    EXPECT_EQ(ran.status, 4);
+    EXPECT_EQ(ran.output, "keyfold: There is no bundle at /nonexistent.\n");
+}
+
+TEST_F(Batch, WithoutADisplayTheWindowIsRefusedInWords)
+{
+    const Ran ran = keyfold({});
+    EXPECT_EQ(ran.status, 5);
+    EXPECT_EQ(ran.output, "keyfold: there is no display to open a window on; --batch works without one\n");
+    const Ran unreachable = run({"env", "DISPLAY=:4711", "QT_QPA_PLATFORM=xcb", "timeout", "60", KEYFOLD_PROGRAM});
+    EXPECT_EQ(unreachable.status, 5);
+    EXPECT_THAT(unreachable.output, HasSubstr("there is no display"));
+}
+
+TEST_F(Batch, HelpAndVersionNeedNoDisplay)
+{
+    const Ran help = keyfold({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.output, HasSubstr("--passphrase-file"));
+    EXPECT_EQ(keyfold({"--version"}).output, "keyfold " KEYFOLD_VERSION "\n");
+}
+
+TEST_F(Batch, PrintsNoSecret)
+{
+    const Ran ran = batch();
+    EXPECT_THAT(ran.output, Not(HasSubstr(bundle_.passphrase)));
+}
+
+} // namespace
