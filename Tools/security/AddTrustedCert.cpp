@@ -55,7 +55,7 @@ bool addToKeychain(const TrustedCertificate& read, const std::string& path, SecT
 
 bool writeSetting(const TrustedCertificate& read, SecTrustSettingsDomain domain)
 {
-    const std::string place = domain == kSecTrustSettingsDomainAdmin ? "System keychain" : "default keychain";
+    const std::string place = domain == kSecTrustSettingsDomainAdmin ? systemKeychainName : defaultKeychainName;
     if (isTrustedAsRoot(read.certificate, domain))
         return report(place, true, "was trusted already");
     const OSStatus status = SecTrustSettingsSetTrustSettings(read.certificate, domain, trustAsRoot());
@@ -87,7 +87,8 @@ int addTrustedCert(const Arguments& arguments)
         return exitFailure;
     }
     const auto domain = arguments.has('d') ? kSecTrustSettingsDomainAdmin : kSecTrustSettingsDomainUser;
-    // The setting comes first: without rights it is refused, and nothing has been changed.
+    if (domain == kSecTrustSettingsDomainAdmin && !requireAdministrator())
+        return exitFailure;
     if (!writeSetting(read, domain))
         return exitFailure;
     const bool isAdded = !arguments.has('k') || addToKeychain(read, *arguments.value('k'), domain);

@@ -128,7 +128,7 @@ Outcome DebianTrustStore::update() const
 
 Outcome DebianTrustStore::add(const Bytes& certificate)
 {
-    const FileLock lock(places_.lock);
+    const FileLock lock(places_.lock, places_.patience);
     if (!lock.isHeld())
         return {false, "another program keeps it locked (" + places_.lock + ")"};
     const std::string anchor = anchorPath(certificate);
@@ -165,7 +165,7 @@ void DebianTrustStore::removeLinks(const std::string& anchor) const
 
 Outcome DebianTrustStore::remove(const Bytes& certificate)
 {
-    const FileLock lock(places_.lock);
+    const FileLock lock(places_.lock, places_.patience);
     if (!lock.isHeld())
         return {false, "another program keeps it locked (" + places_.lock + ")"};
     const std::string anchor = anchorPath(certificate);

@@ -3,6 +3,8 @@
 
 #include "security/TrustStore.h"
 
+#include <chrono>
+
 namespace kf::security {
 
 /// One PEM file in the local administrator's directory becomes a part of the
@@ -16,6 +18,7 @@ public:
         std::string bundle = "/etc/ssl/certs/ca-certificates.crt";
         std::string command = "/usr/sbin/update-ca-certificates";
         std::string lock = "/run/keyfold-trust-store.lock";
+        std::chrono::seconds patience{60}; ///< with another program that holds the lock
     };
     explicit DebianTrustStore(Places places);
 

@@ -3,7 +3,6 @@
 #include "security/ScopedDescriptor.h"
 
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -86,10 +85,9 @@ std::string writeFileAtomically(const std::string& path, const std::string& cont
     return {};
 }
 
-FileLock::FileLock(const std::string& path)
+FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
 {
     using namespace std::chrono;
-    constexpr auto patience = seconds(60);
     constexpr auto pause = milliseconds(50);
     ScopedDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     const auto deadline = steady_clock::now() + patience;

@@ -1,6 +1,7 @@
 // Files that other programs read while we write them.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -19,10 +20,11 @@ std::optional<std::string> readTextFile(const std::string& path);
 std::string writeFileAtomically(const std::string& path, const std::string& content, mode_t mode);
 
 /// An exclusive lock between processes, held by a file that stays, while this
-/// object lives. Waits for its turn, a minute at most.
+/// object lives.
 class FileLock {
 public:
-    explicit FileLock(const std::string& path);
+    /// Waits for its turn, as long as `patience` lasts.
+    FileLock(const std::string& path, std::chrono::milliseconds patience);
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
     ~FileLock();

@@ -1,5 +1,3 @@
-#include "Security/Authorization.h"
-#include "Security/Authorization/Backend.h"
 #include "Security/Keychain/KeychainAccess.h"
 #include "security/Commands.h"
 #include "security/TrustStore.h"
@@ -8,8 +6,6 @@
 namespace kf::security {
 
 namespace {
-
-constexpr const char* systemKeychainName = "System keychain";
 
 /// Takes the certificate, and its trust with it, out of the System keychain.
 bool removeFromSystemKeychain(const TrustedCertificate& read)
@@ -42,8 +38,8 @@ bool removeUserSetting(const TrustedCertificate& read)
 {
     const OSStatus status = SecTrustSettingsRemoveTrustSettings(read.certificate, kSecTrustSettingsDomainUser);
     if (status == errSecItemNotFound)
-        return report("default keychain", true, "was not trusted");
-    return report("default keychain", status == errSecSuccess,
+        return report(defaultKeychainName, true, "was not trusted");
+    return report(defaultKeychainName, status == errSecSuccess,
         status == errSecSuccess ? "no longer trusted" : statusText(status));
 }
 
@@ -58,10 +54,8 @@ int removeTrustedCert(const Arguments& arguments)
         return exitFailure;
     if (!arguments.has('d'))
         return removeUserSetting(read) ? exitSuccess : exitFailure;
-    if (!authorization::currentBackend()->isAdministrator()) {
-        report(systemKeychainName, false, statusText(errAuthorizationDenied));
+    if (!requireAdministrator())
         return exitFailure;
-    }
     // Both places, whatever comes of the first: a removal must not stop halfway.
     const bool isOutOfKeychain = removeFromSystemKeychain(read);
     const bool isOutOfStore = removeFromTrustStore(read);

@@ -1,5 +1,6 @@
 #include "security/TrustedCertificate.h"
 
+#include "Security/Authorization/Backend.h"
 #include "security/CertificateFile.h"
 
 #include <iostream>
@@ -30,6 +31,12 @@ bool report(const std::string& place, bool succeeded, const std::string& text)
     else
         std::cerr << "security: " << place << ": " << text << std::endl;
     return succeeded;
+}
+
+bool requireAdministrator()
+{
+    return authorization::currentBackend()->isAdministrator()
+        || report(systemKeychainName, false, statusText(errAuthorizationDenied));
 }
 
 std::string statusText(OSStatus status)

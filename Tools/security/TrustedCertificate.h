@@ -8,6 +8,9 @@
 
 namespace kf::security {
 
+inline constexpr const char* systemKeychainName = "System keychain";
+inline constexpr const char* defaultKeychainName = "default keychain";
+
 /// The one operand's certificate, read and parsed.
 struct TrustedCertificate {
     std::string path;
@@ -20,6 +23,9 @@ TrustedCertificate readOperand(const std::string& path);
 
 /// Tells what came of one place; returns `succeeded`.
 bool report(const std::string& place, bool succeeded, const std::string& text);
+
+/// Whether this process may change what everybody trusts; tells where it may not.
+bool requireAdministrator();
 
 /// The platform's text for a status.
 std::string statusText(OSStatus status);
