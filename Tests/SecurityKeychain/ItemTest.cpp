@@ -630,11 +630,12 @@ TEST_F(Items, TrustBringsItsCertificateAndBothOrNeitherAreWritten)
 TEST_F(Items, CertificatesAreFoundBySubject)
 {
     importAda();
-    const auto fields = kf::readCertificateFields(authority().issuer());
+    const Bytes issuer = authority().issuer();
+    const auto fields = kf::readCertificateFields(issuer);
     const auto found = certificatesWithSubject(defaultKeychain(), fields->subject);
     ASSERT_TRUE(found) << found.status();
     ASSERT_THAT(*found, SizeIs(1));
-    EXPECT_EQ(found->front()->parsed().der, authority().issuer());
+    EXPECT_EQ(found->front()->parsed().der, issuer);
 }
 
 // --- Pass phrases ---
