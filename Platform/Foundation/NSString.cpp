@@ -223,6 +223,12 @@ Ref<NSString> NSString::stringWithLatin1(std::span<const std::uint8_t> bytes)
     return string;
 }
 
+NSString::UnwrittenLatin1 NSString::unwrittenLatin1(CFIndex length)
+{
+    auto [string, units] = allocate<std::uint8_t>(length);
+    return {string, {units, static_cast<std::size_t>(length)}};
+}
+
 Ref<NSString> NSString::stringWithBytes(std::span<const std::uint8_t> bytes, NSStringEncoding encoding)
 {
     switch (encoding) {

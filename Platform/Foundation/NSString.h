@@ -50,6 +50,12 @@ public:
     static Ref<NSString> stringWithCharacters(std::u16string_view characters);
     /// 8-bit storage: each byte is one ISO 8859-1 character.
     static Ref<NSString> stringWithLatin1(std::span<const std::uint8_t> bytes);
+    /// 8-bit text that its maker writes in place, before anyone else sees the string.
+    struct UnwrittenLatin1 {
+        Ref<NSString> string;
+        std::span<std::uint8_t> text;
+    };
+    static UnwrittenLatin1 unwrittenLatin1(CFIndex length);
     /// Decodes bytes; nil where they are not valid in the encoding.
     static Ref<NSString> stringWithBytes(std::span<const std::uint8_t> bytes, NSStringEncoding encoding);
     /// An immutable copy; the same object where `other` is immutable. Nil gives nil.

@@ -89,7 +89,6 @@ public:
 
     Status digest(std::span<const CSSM_DATA> buffers, CSSM_DATA& digest) const override
     {
-        const OpenSSLErrorMark errors;
         std::array<std::uint8_t, EVP_MAX_MD_SIZE> value;
         unsigned length = 0;
         if (!digestAll(buffers, md_, value.data(), &length))
@@ -299,15 +298,16 @@ class CspSession final : public CssmSession {
 public:
     explicit CspSession(const CssmMemory& memory) noexcept : memory_(memory) { }
 
-    Result<std::unique_ptr<CssmContext>> createDigestContext(CSSM_ALGORITHMS algorithm) override
+    Result<std::shared_ptr<const CssmContext>> createDigestContext(CSSM_ALGORITHMS algorithm) override
     {
         const EVP_MD* const md = digestOf(algorithm);
         if (!md)
             return cssmFailure(CSSMERR_CSP_INVALID_ALGORITHM);
-        return std::unique_ptr<CssmContext>(std::make_unique<DigestContext>(md, memory_));
+        return std::shared_ptr<const CssmContext>(std::make_shared<DigestContext>(md, memory_));
     }
 
-    Result<std::unique_ptr<CssmContext>> createSignatureContext(CSSM_ALGORITHMS algorithm, const CSSM_KEY& key) override
+    Result<std::shared_ptr<const CssmContext>> createSignatureContext(
+        CSSM_ALGORITHMS algorithm, const CSSM_KEY& key) override
     {
         const auto* const found = std::find_if(std::begin(signatureAlgorithms), std::end(signatureAlgorithms),
             [&](const SignatureAlgorithm& known) { return known.algorithm == algorithm; });
@@ -317,7 +317,7 @@ public:
         auto decoded = decodeKey(key, found->key);
         if (!decoded)
             return decoded.failure();
-        return std::unique_ptr<CssmContext>(std::make_unique<SignatureContext>(
+        return std::shared_ptr<const CssmContext>(std::make_shared<SignatureContext>(
             digestOf(found->digest), std::move(decoded).value(), key.KeyHeader, memory_));
     }
 

@@ -151,7 +151,7 @@ CSSM_RETURN CssmManager::moduleDetach(CSSM_MODULE_HANDLE moduleHandle)
         return CSSMERR_CSSM_INVALID_ADDIN_HANDLE;
     if (const Status detached = found->second->session->detach(); !detached)
         return cssmReturn(detached);
-    std::erase_if(contexts_, [&](const auto& entry) { return entry.second->attachmentHandle == moduleHandle; });
+    std::erase_if(contexts_, [&](const auto& entry) { return entry.second.attachmentHandle == moduleHandle; });
     --found->second->module->attachments;
     attachments_.erase(found);
     return CSSM_OK;
@@ -165,25 +165,24 @@ std::shared_ptr<CssmManager::Attachment> CssmManager::findAttachment(
     return found != attachments_.end() && found->second->service == service ? found->second : nullptr;
 }
 
-std::shared_ptr<const CssmManager::Context> CssmManager::findContext(CSSM_CC_HANDLE handle) const
+std::shared_ptr<const CssmContext> CssmManager::findContext(CSSM_CC_HANDLE handle) const
 {
     const std::lock_guard lock(mutex_);
     const auto found = contexts_.find(handle);
-    return found == contexts_.end() ? nullptr : found->second;
+    return found == contexts_.end() ? nullptr : found->second.implementation;
 }
 
-CSSM_RETURN CssmManager::addContext(CSSM_CSP_HANDLE cspHandle, std::shared_ptr<Attachment> attachment,
-    Result<std::unique_ptr<CssmContext>> made, CSSM_CC_HANDLE* contextHandle)
+CSSM_RETURN CssmManager::addContext(
+    CSSM_CSP_HANDLE cspHandle, Result<std::shared_ptr<const CssmContext>> made, CSSM_CC_HANDLE* contextHandle)
 {
     if (!made)
         return cssmReturn(made);
-    auto context = std::make_shared<const Context>(Context{cspHandle, std::move(attachment), std::move(made).value()});
     const std::lock_guard lock(mutex_);
     // It may have been detached meanwhile, and its contexts with it.
     if (!attachments_.contains(cspHandle))
         return CSSMERR_CSP_INVALID_CSP_HANDLE;
     const CSSM_CC_HANDLE handle = ++lastHandle_;
-    contexts_.emplace(handle, std::move(context));
+    contexts_.emplace(handle, Context{cspHandle, std::move(made).value()});
     *contextHandle = handle;
     return CSSM_OK;
 }
@@ -193,11 +192,10 @@ CSSM_RETURN CssmManager::createDigestContext(
 {
     if (!contextHandle)
         return CSSMERR_CSP_INVALID_OUTPUT_POINTER;
-    auto attachment = findAttachment(cspHandle, CSSM_SERVICE_CSP);
+    const auto attachment = findAttachment(cspHandle, CSSM_SERVICE_CSP);
     if (!attachment)
         return CSSMERR_CSP_INVALID_CSP_HANDLE;
-    auto made = attachment->session->createDigestContext(algorithm);
-    return addContext(cspHandle, std::move(attachment), std::move(made), contextHandle);
+    return addContext(cspHandle, attachment->session->createDigestContext(algorithm), contextHandle);
 }
 
 CSSM_RETURN CssmManager::createSignatureContext(CSSM_CSP_HANDLE cspHandle, CSSM_ALGORITHMS algorithm,
@@ -207,28 +205,20 @@ CSSM_RETURN CssmManager::createSignatureContext(CSSM_CSP_HANDLE cspHandle, CSSM_
         return CSSMERR_CSP_INVALID_OUTPUT_POINTER;
     if (credentials)
         return CSSMERR_CSP_INVALID_INPUT_POINTER;
-    auto attachment = findAttachment(cspHandle, CSSM_SERVICE_CSP);
+    const auto attachment = findAttachment(cspHandle, CSSM_SERVICE_CSP);
     if (!attachment)
         return CSSMERR_CSP_INVALID_CSP_HANDLE;
     if (!key)
         return CSSMERR_CSP_MISSING_ATTR_KEY;
     if (!key->KeyData.Data)
         return CSSMERR_CSP_INVALID_KEY;
-    auto made = attachment->session->createSignatureContext(algorithm, *key);
-    return addContext(cspHandle, std::move(attachment), std::move(made), contextHandle);
+    return addContext(cspHandle, attachment->session->createSignatureContext(algorithm, *key), contextHandle);
 }
 
 CSSM_RETURN CssmManager::deleteContext(CSSM_CC_HANDLE contextHandle)
 {
-    // The context is destroyed after the lock is released.
-    std::shared_ptr<const Context> context;
     const std::lock_guard lock(mutex_);
-    const auto found = contexts_.find(contextHandle);
-    if (found == contexts_.end())
-        return CSSMERR_CSP_INVALID_CONTEXT_HANDLE;
-    context = std::move(found->second);
-    contexts_.erase(found);
-    return CSSM_OK;
+    return contexts_.erase(contextHandle) == 1 ? CSSM_OK : CSSMERR_CSP_INVALID_CONTEXT_HANDLE;
 }
 
 CSSM_RETURN CssmManager::digestData(
@@ -241,7 +231,7 @@ CSSM_RETURN CssmManager::digestData(
         return CSSMERR_CSP_INVALID_INPUT_POINTER;
     if (!digest)
         return CSSMERR_CSP_INVALID_OUTPUT_POINTER;
-    return cssmReturn(context->implementation->digest({dataBufs, dataBufCount}, *digest));
+    return cssmReturn(context->digest({dataBufs, dataBufCount}, *digest));
 }
 
 CSSM_RETURN CssmManager::signData(CSSM_CC_HANDLE contextHandle, const CSSM_DATA* dataBufs, std::uint32_t dataBufCount,
@@ -254,7 +244,7 @@ CSSM_RETURN CssmManager::signData(CSSM_CC_HANDLE contextHandle, const CSSM_DATA*
         return CSSMERR_CSP_INVALID_INPUT_POINTER;
     if (!signature)
         return CSSMERR_CSP_INVALID_OUTPUT_POINTER;
-    return cssmReturn(context->implementation->sign({dataBufs, dataBufCount}, digestAlgorithm, *signature));
+    return cssmReturn(context->sign({dataBufs, dataBufCount}, digestAlgorithm, *signature));
 }
 
 CSSM_RETURN CssmManager::verifyData(CSSM_CC_HANDLE contextHandle, const CSSM_DATA* dataBufs, std::uint32_t dataBufCount,
@@ -265,7 +255,7 @@ CSSM_RETURN CssmManager::verifyData(CSSM_CC_HANDLE contextHandle, const CSSM_DAT
         return CSSMERR_CSP_INVALID_CONTEXT_HANDLE;
     if (!areReadable(dataBufs, dataBufCount) || !areReadable(signature, 1))
         return CSSMERR_CSP_INVALID_INPUT_POINTER;
-    return cssmReturn(context->implementation->verify({dataBufs, dataBufCount}, digestAlgorithm, *signature));
+    return cssmReturn(context->verify({dataBufs, dataBufCount}, digestAlgorithm, *signature));
 }
 
 CSSM_RETURN CssmManager::certGetAllFields(

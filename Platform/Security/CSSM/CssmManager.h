@@ -62,23 +62,21 @@ private:
     };
     struct Context {
         CSSM_MODULE_HANDLE attachmentHandle;
-        /// Declared before the context: a session outlives what it made.
-        std::shared_ptr<Attachment> attachment;
-        std::unique_ptr<CssmContext> implementation;
+        std::shared_ptr<const CssmContext> implementation;
     };
 
     std::shared_ptr<Module> findModule(const CSSM_GUID& guid) const;
     std::shared_ptr<Attachment> findAttachment(CSSM_MODULE_HANDLE handle, CSSM_SERVICE_TYPE service) const;
-    std::shared_ptr<const Context> findContext(CSSM_CC_HANDLE handle) const;
-    CSSM_RETURN addContext(CSSM_CSP_HANDLE cspHandle, std::shared_ptr<Attachment> attachment,
-        Result<std::unique_ptr<CssmContext>> made, CSSM_CC_HANDLE* contextHandle);
+    std::shared_ptr<const CssmContext> findContext(CSSM_CC_HANDLE handle) const;
+    CSSM_RETURN addContext(
+        CSSM_CSP_HANDLE cspHandle, Result<std::shared_ptr<const CssmContext>> made, CSSM_CC_HANDLE* contextHandle);
 
     mutable std::mutex mutex_;
     bool initialized_ = false;
     CSSM_HANDLE lastHandle_ = 0;
     std::vector<std::shared_ptr<Module>> modules_;
     std::unordered_map<CSSM_MODULE_HANDLE, std::shared_ptr<Attachment>> attachments_;
-    std::unordered_map<CSSM_CC_HANDLE, std::shared_ptr<const Context>> contexts_;
+    std::unordered_map<CSSM_CC_HANDLE, Context> contexts_;
 };
 
 } // namespace kf

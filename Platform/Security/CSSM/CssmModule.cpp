@@ -23,12 +23,12 @@ Status CssmContext::verify(std::span<const CSSM_DATA>, CSSM_ALGORITHMS, const CS
 
 Status CssmSession::detach() { return {}; }
 
-Result<std::unique_ptr<CssmContext>> CssmSession::createDigestContext(CSSM_ALGORITHMS)
+Result<std::shared_ptr<const CssmContext>> CssmSession::createDigestContext(CSSM_ALGORITHMS)
 {
     return cssmFailure(CSSMERR_CSP_FUNCTION_NOT_IMPLEMENTED);
 }
 
-Result<std::unique_ptr<CssmContext>> CssmSession::createSignatureContext(CSSM_ALGORITHMS, const CSSM_KEY&)
+Result<std::shared_ptr<const CssmContext>> CssmSession::createSignatureContext(CSSM_ALGORITHMS, const CSSM_KEY&)
 {
     return cssmFailure(CSSMERR_CSP_FUNCTION_NOT_IMPLEMENTED);
 }

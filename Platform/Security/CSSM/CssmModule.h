@@ -38,7 +38,9 @@ private:
     CSSM_API_MEMORY_FUNCS functions_;
 };
 
-/// One algorithm, ready for work on one attachment. May be used by several threads at once.
+/// One algorithm, ready for work on one attachment. It may outlive its session,
+/// where it is at work while another thread detaches. May be used by several
+/// threads at once.
 class CssmContext {
 public:
     virtual ~CssmContext();
@@ -50,15 +52,16 @@ public:
 };
 
 /// One attachment of a module, with the services of its kind; the others are
-/// not implemented. Outlives its contexts. May be used by several threads at once.
+/// not implemented. May be used by several threads at once.
 class CssmSession {
 public:
     virtual ~CssmSession();
     /// A failure leaves the session attached.
     virtual Status detach();
 
-    virtual Result<std::unique_ptr<CssmContext>> createDigestContext(CSSM_ALGORITHMS algorithm);
-    virtual Result<std::unique_ptr<CssmContext>> createSignatureContext(CSSM_ALGORITHMS algorithm, const CSSM_KEY& key);
+    virtual Result<std::shared_ptr<const CssmContext>> createDigestContext(CSSM_ALGORITHMS algorithm);
+    virtual Result<std::shared_ptr<const CssmContext>> createSignatureContext(
+        CSSM_ALGORITHMS algorithm, const CSSM_KEY& key);
 
     /// The fields are allocated with the attachment's memory functions.
     virtual Result<std::span<CSSM_FIELD>> certGetAllFields(const CSSM_DATA& certificate);
