@@ -41,10 +41,8 @@ bool NSNumber::isEqual(const NSObject* other) const noexcept
     if (this == other)
         return true;
     const auto* const number = dynamic_cast<const NSNumber*>(other);
-    if (!number || number->integer_ != integer_)
-        return false;
-    // Two integers may differ where their doubles do not, so doubles decide only for a real number.
-    return isReal_ || number->isReal_ ? number->real_ == real_ : true;
+    // Both: large integers may differ where their doubles do not, and doubles where their integer parts do not.
+    return number && number->integer_ == integer_ && number->real_ == real_;
 }
 
 CFHashCode NSNumber::hash() const noexcept { return std::bit_cast<CFHashCode>(integer_); }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <thread>
 
 namespace {
@@ -59,13 +60,36 @@ TEST(Threads, MayFreeStringsThatOthersMade)
     }
 }
 
-TEST(Threads, MayFreeStringsAtTheirVeryEnd)
+TEST(Threads, LeaveNoMemoryBehindAtTheirEnd)
+{
+    const auto endThread = [] {
+        std::thread([] {
+            // Made before the thread's lists are first used, so destroyed after them.
+            thread_local Ref<NSString> late;
+            late = NSString::stringWithCharacters(std::u16string(80, u'x'));
+            std::vector<Ref<NSString>> strings;
+            for (int count = 0; count < 50; ++count)
+                strings.push_back(NSString::stringWithCharacters(std::u16string(60, u'x')));
+        }).join();
+    };
+    endThread();
+    const std::size_t before = mallinfo2().uordblks;
+    for (int count = 0; count < 500; ++count)
+        endThread();
+    // The late strings alone would be 100 KB.
+    EXPECT_LT(mallinfo2().uordblks, before + 20000);
+}
+
+TEST(StringMemory, KeepsTwoMegabytesAtMost)
 {
     std::thread([] {
-        // Made before the thread's lists are first used, so destroyed after them.
-        thread_local Ref<NSString> late;
-        late = NSString::stringWithCharacters(u"late");
-        NSString::stringWithCharacters(u"early").reset();
+        const std::size_t before = mallinfo2().uordblks;
+        {
+            std::vector<Ref<NSString>> strings;
+            for (int count = 0; count < 50000; ++count)
+                strings.push_back(NSString::stringWithCharacters(std::u16string(90, u'x')));
+        }
+        EXPECT_LT(mallinfo2().uordblks, before + 3000000);
     }).join();
 }
 
