@@ -1,6 +1,7 @@
 // Evaluating trust and writing what decides it, on keychains in memory and on real ones.
 
 #include "Foundation/NSNumber.h"
+#include "Security/Keychain/FaultBackend.h"
 #include "Security/Keychain/KeychainAccess.h"
 #include "Security/Keychain/MemoryBackend.h"
 #include "Security/Keychain/Store.h"
@@ -528,6 +529,44 @@ TEST_F(TrustSettingsTest, RemovingLeavesTheCertificate)
     EXPECT_EQ(SecTrustSettingsRemoveTrustSettings(certificate, kSecTrustSettingsDomainUser), errSecItemNotFound);
     EXPECT_EQ(SecCertificateAddToKeychain(certificate, defaultKeychain()), errSecDuplicateItem);
     EXPECT_EQ(SecTrustSettingsRemoveTrustSettings(nullptr, kSecTrustSettingsDomainUser), errSecParam);
+}
+
+TEST_F(TrustSettingsTest, WhereWritingFailsNothingIsChanged)
+{
+    using kf::keychain::Operation;
+    const auto faults = std::make_shared<kf::keychain::FaultBackend>(std::make_shared<kf::keychain::MemoryBackend>());
+    const kf::keychain::ScopedBackend scoped(faults);
+    for (const Operation operation : {Operation::open, Operation::beginWriting, Operation::declare,
+             Operation::addCertificate, Operation::setTrust}) {
+        faults->arm(operation, 1, errSecIO);
+        EXPECT_EQ(setInUserDomain(root(), basicSetting()), errSecIO);
+        EXPECT_TRUE(faults->fired()) << static_cast<int>(operation);
+        faults->disarm();
+        EXPECT_EQ(readTrust(defaultKeychain(), root()).status(), errSecItemNotFound);
+        const auto held =
+            kf::keychain::certificatesWithSubject(defaultKeychain(), kf::readCertificateFields(root())->subject);
+        ASSERT_TRUE(held);
+        EXPECT_TRUE(held->empty()) << "no certificate without its setting";
+    }
+    EXPECT_EQ(setInUserDomain(root(), basicSetting()), errSecSuccess);
+    faults->arm(Operation::removeTrust, 1, errSecReadOnly);
+    EXPECT_EQ(SecTrustSettingsRemoveTrustSettings(certificateOf(root()), kSecTrustSettingsDomainUser), errSecReadOnly);
+    EXPECT_TRUE(faults->fired());
+    faults->disarm();
+    EXPECT_EQ(evaluate({root()}), kSecTrustResultProceed);
+}
+
+TEST_F(TrustTest, AKeychainThatCannotBeReadHasNoSay)
+{
+    const auto faults = std::make_shared<kf::keychain::FaultBackend>(std::make_shared<kf::keychain::MemoryBackend>());
+    const kf::keychain::ScopedBackend scoped(faults);
+    set(systemKeychain(), root(), yes, yes);
+    set(defaultKeychain(), leaf(), no, no);
+    faults->arm(kf::keychain::Operation::open, 1, errSecInvalidKeychain);
+    EXPECT_EQ(evaluate({root()}), kSecTrustResultProceed);
+    EXPECT_TRUE(faults->fired());
+    faults->arm(kf::keychain::Operation::open, 1, errSecInvalidKeychain, true);
+    EXPECT_EQ(evaluate({root()}), kSecTrustResultRecoverableTrustFailure);
 }
 
 /// The same on an NSS database, read by NSS's own program.

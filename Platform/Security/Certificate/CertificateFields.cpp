@@ -64,14 +64,17 @@ struct NameTexts {
     std::vector<std::string> emailAddresses;
 };
 
-/// Takes one attribute of a name in. Of several with one type the last, most specific one counts.
-bool readAttribute(Span attribute, NameTexts& texts)
+/// Takes one attribute of a name into `texts`, where not null. Of several with one type the last, most specific one
+/// counts.
+bool readAttribute(Span attribute, NameTexts* texts)
 {
     DERReader reader(attribute);
     const auto type = reader.next(der::objectIdentifier);
     const auto value = reader.next();
     if (!type || !value || !reader.atEnd())
         return false;
+    if (!texts)
+        return true;
     const auto text = [&] {
         return value->tagClass == DERClass::universal && !value->constructed ? textOf(value->tag, value->content)
                                                                              : std::string();
@@ -81,19 +84,19 @@ bool readAttribute(Span attribute, NameTexts& texts)
             place = std::move(read);
     };
     if (same(type->content, oidCommonName))
-        put(texts.commonName);
+        put(texts->commonName);
     else if (same(type->content, oidOrganizationalUnit))
-        put(texts.organizationalUnit);
+        put(texts->organizationalUnit);
     else if (same(type->content, oidOrganization))
-        put(texts.organization);
+        put(texts->organization);
     else if (same(type->content, oidEmailAddress)) {
         if (std::string address = text(); !address.empty())
-            texts.emailAddresses.push_back(std::move(address));
+            texts->emailAddresses.push_back(std::move(address));
     }
     return true;
 }
 
-bool readName(Span name, NameTexts& texts)
+bool readName(Span name, NameTexts* texts)
 {
     DERReader relativeNames(name);
     while (!relativeNames.atEnd()) {
@@ -291,9 +294,8 @@ bool readTBSCertificate(Span certificate, CertificateFields& fields)
     fields.serial = serial->whole;
     fields.issuer = issuer->whole;
     fields.subject = subject->whole;
-    NameTexts issuerTexts;
     NameTexts texts;
-    if (!readName(issuer->content, issuerTexts) || !readName(subject->content, texts)
+    if (!readName(issuer->content, nullptr) || !readName(subject->content, &texts)
         || !readValidity(validity->content, fields) || !readPublicKey(publicKey->content, fields))
         return false;
     fields.label = labelOf(texts, serial->content);
