@@ -32,9 +32,8 @@ enum NSComparisonResult : NSInteger {
 class NSArray;
 
 namespace kf {
-template <std::size_t size>
-struct LiteralText;
-template <LiteralText text>
+// auto, for clang 14 takes two declarations with a deduced class for different ones.
+template <auto text>
 class LiteralString;
 } // namespace kf
 
@@ -142,7 +141,7 @@ protected:
     CFIndex length_ = 0;
     mutable std::atomic<CFHashCode> cachedHash_{0};
 
-    template <kf::LiteralText text>
+    template <auto text>
     friend class kf::LiteralString;
     friend class NSMutableString;
     friend Ref<NSString> NSFormat(std::string_view format, std::initializer_list<class NSFormatArgument> arguments);
@@ -211,7 +210,7 @@ struct LiteralText {
 
 /// A string constant's object: laid down by the compiler, the same one for
 /// equal text, there before any initialiser runs and after every destructor.
-template <LiteralText text>
+template <auto text>
 class LiteralString {
 public:
     static Ref<NSString> reference() noexcept { return Ref<NSString>::retain(&storage_.string); }
@@ -233,7 +232,7 @@ private:
             isWide = isWide || unit > 0xFF;
         }
     };
-    static consteval Decoded decode()
+    static constexpr Decoded decode()
     {
         Decoded decoded;
         for (std::size_t index = 0; index < text.view().size();) {
@@ -254,7 +253,7 @@ private:
     }
     // A union, so that no destructor runs at exit.
     union Storage {
-        constexpr Storage() noexcept : string(NSObject::Immortal{}, units(), decoded_.length, decoded_.isWide) { }
+        constexpr Storage() noexcept : string(NSString::Immortal{}, units(), decoded_.length, decoded_.isWide) { }
         ~Storage() { }
         NSString string;
     };

@@ -89,8 +89,7 @@ std::vector<std::size_t> CertificateIndex::lookUp(const Table& table, std::strin
     for (auto [first, last] = table.equal_range(value); first != last; ++first)
         positions.push_back(first->second);
     std::ranges::sort(positions);
-    const auto repeats = std::ranges::unique(positions);
-    positions.erase(repeats.begin(), repeats.end());
+    positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
     return positions;
 }
 
