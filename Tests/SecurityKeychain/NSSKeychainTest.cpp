@@ -261,6 +261,20 @@ TEST_F(NSSKeychain, APathWithSpecialCharactersWorks)
     EXPECT_THAT(identities(keychain), SizeIs(1));
 }
 
+TEST_F(NSSKeychain, ALargeCertificateIsReadWhole)
+{
+    BundleOptions options;
+    options.email = std::string(9000, 'a') + "@orvane.example";
+    const auto bundle = authority().issue(options);
+    ASSERT_GT(bundle.leaf.size(), 9000U);
+    ASSERT_EQ(import(defaultKeychain(), bundle), errSecSuccess);
+    closeAll();
+    ASSERT_THAT(identities(), SizeIs(1));
+    EXPECT_EQ(identities()[0]->certificate()->parsed().der, bundle.leaf);
+    EXPECT_EQ(find(nullptr, kSecCertificateItemClass, kSecAliasItemAttr, options.email).items.size(), 1U);
+    EXPECT_EQ(find(nullptr, kSecCertificateItemClass, kSecLabelItemAttr, "Ada Example").items.size(), 1U);
+}
+
 TEST_F(NSSKeychain, ReadingWritesNothing)
 {
     ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);

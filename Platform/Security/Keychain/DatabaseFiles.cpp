@@ -205,7 +205,9 @@ Result<Generation> databaseGeneration(const std::string& path)
 }
 
 NewDatabase::NewDatabase(std::string path, bool readableByAll, int parentLock) noexcept
-    : path_(std::move(path)), readableByAll_(readableByAll), parentLock_(parentLock) { }
+    : path_(std::move(path)), readableByAll_(readableByAll), parentLock_(parentLock)
+{
+}
 
 Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path, bool readableByAll)
 {

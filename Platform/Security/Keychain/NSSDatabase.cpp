@@ -226,13 +226,12 @@ Result<std::vector<CertificateRecord>> NSSDatabase::certificates()
     std::vector<CertificateRecord> records;
     records.reserve(objects->size());
     for (const auto object : *objects) {
-        auto der = readAttribute(*open, object, CKA_VALUE);
-        const auto label = readAttribute(*open, object, CKA_LABEL);
-        if (der.status() == errSecInvalidItemRef || label.status() == errSecInvalidItemRef)
+        auto values = readAttributes(*open, object, {CKA_VALUE, CKA_LABEL});
+        if (values.status() == errSecInvalidItemRef)
             continue; // deleted by somebody since it was listed
-        if (!der || !label)
-            return Failure{der ? label.status() : der.status()};
-        records.push_back({std::move(*der), std::string(asText(*label))});
+        if (!values)
+            return values.failure();
+        records.push_back({std::move((*values)[0]), std::string(asText((*values)[1]))});
     }
     return records;
 }
@@ -250,13 +249,12 @@ Result<std::vector<KeyRecord>> NSSDatabase::privateKeys()
         return objects.failure();
     std::vector<KeyRecord> records;
     for (const auto object : *objects) {
-        auto id = readAttribute(*open, object, CKA_ID);
-        const auto label = readAttribute(*open, object, CKA_LABEL);
-        if (id.status() == errSecInvalidItemRef || label.status() == errSecInvalidItemRef)
-            continue;
-        if (!id || !label)
-            return Failure{id ? label.status() : id.status()};
-        records.push_back({std::move(*id), std::string(asText(*label))});
+        auto values = readAttributes(*open, object, {CKA_ID, CKA_LABEL});
+        if (values.status() == errSecInvalidItemRef)
+            continue; // deleted by somebody since it was listed
+        if (!values)
+            return values.failure();
+        records.push_back({std::move((*values)[0]), std::string(asText((*values)[1]))});
     }
     return records;
 }

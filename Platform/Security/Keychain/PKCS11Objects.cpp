@@ -2,7 +2,13 @@
 
 #include "Security/Keychain/NSSDatabase.h"
 
+#include <algorithm>
+
 namespace kf::keychain {
+
+namespace {
+constexpr std::size_t usualSize = 4096;
+}
 
 Result<std::vector<CK_OBJECT_HANDLE>> findObjects(const ScopedSession& session, Template& wanted)
 {
@@ -24,27 +30,37 @@ Result<std::vector<CK_OBJECT_HANDLE>> findObjects(const ScopedSession& session, 
     return objects;
 }
 
-Result<Bytes> readAttribute(const ScopedSession& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type)
+Result<std::vector<Bytes>> readAttributes(
+    const ScopedSession& session, CK_OBJECT_HANDLE object, std::initializer_list<CK_ATTRIBUTE_TYPE> types)
 {
     CK_FUNCTION_LIST& pkcs11 = session.functions();
-    Bytes value(4096); // most certificates fit, and each reading is a query
-    CK_ATTRIBUTE attribute{type, value.data(), value.size()};
-    CK_RV read = pkcs11.C_GetAttributeValue(session.handle(), object, &attribute, 1);
-    if (read == CKR_BUFFER_TOO_SMALL) {
-        attribute = {type, nullptr, 0};
-        read = pkcs11.C_GetAttributeValue(session.handle(), object, &attribute, 1);
-        if (read == CKR_OK) {
-            value.resize(attribute.ulValueLen);
-            attribute = {type, value.data(), value.size()};
-            read = pkcs11.C_GetAttributeValue(session.handle(), object, &attribute, 1);
-        }
+    // Most values fit; each call is a query of the database.
+    std::vector<Bytes> values(types.size(), Bytes(usualSize));
+    std::vector<CK_ATTRIBUTE> attributes;
+    const auto read = [&](bool sizesOnly) {
+        attributes.clear();
+        for (std::size_t index = 0; index < types.size(); ++index)
+            attributes.push_back({types.begin()[index], sizesOnly ? nullptr : values[index].data(),
+                sizesOnly ? 0 : values[index].size()});
+        return pkcs11.C_GetAttributeValue(session.handle(), object, attributes.data(), attributes.size());
+    };
+    const auto lengthOf = [&](std::size_t index) {
+        const CK_ULONG length = attributes[index].ulValueLen;
+        return length == CK_UNAVAILABLE_INFORMATION ? 0 : length;
+    };
+    CK_RV result = read(false);
+    if (result == CKR_BUFFER_TOO_SMALL) {
+        result = read(true);
+        for (std::size_t index = 0; index < values.size(); ++index)
+            values[index].resize(std::max<std::size_t>(lengthOf(index), 1));
+        if (result == CKR_OK || result == CKR_ATTRIBUTE_TYPE_INVALID)
+            result = read(false);
     }
-    if (read == CKR_ATTRIBUTE_TYPE_INVALID)
-        return Bytes();
-    if (read != CKR_OK)
-        return Failure{statusOfPKCS11(read)};
-    value.resize(attribute.ulValueLen);
-    return value;
+    if (result != CKR_OK && result != CKR_ATTRIBUTE_TYPE_INVALID)
+        return Failure{statusOfPKCS11(result)};
+    for (std::size_t index = 0; index < values.size(); ++index)
+        values[index].resize(lengthOf(index));
+    return values;
 }
 
 CK_ULONG readWord(const ScopedSession& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG fallback)

@@ -5,6 +5,7 @@
 #include "Security/Keychain/ScopedNSS.h"
 
 #include <deque>
+#include <initializer_list>
 
 namespace kf::keychain {
 
@@ -43,8 +44,10 @@ private:
 };
 
 Result<std::vector<CK_OBJECT_HANDLE>> findObjects(const ScopedSession& session, Template& wanted);
-/// Empty where the object lacks the attribute; a failure where the object is gone.
-Result<Bytes> readAttribute(const ScopedSession& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type);
+/// The attributes' values in the order asked for, in one query; empty where the object lacks one. errSecInvalidItemRef
+/// where the object is gone.
+Result<std::vector<Bytes>> readAttributes(
+    const ScopedSession& session, CK_OBJECT_HANDLE object, std::initializer_list<CK_ATTRIBUTE_TYPE> types);
 /// `fallback` where the object lacks the attribute or it is no number.
 CK_ULONG readWord(const ScopedSession& session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type, CK_ULONG fallback);
 
