@@ -43,10 +43,7 @@ void KFWizardPane::showAlertOnMainThread(const Ref<NSAlert>& alert)
         alert->beginSheetModalForWindow(contentView_->window(), {});
 }
 
-QString KFWizardPane::interfaceName() const
-{
-    return QString::fromLatin1(metaObject()->className());
-}
+QString KFWizardPane::interfaceName() const { return QString::fromLatin1(metaObject()->className()); }
 
 bool KFWizardPane::loadInterface(const Ref<NSBundle>& bundle, QString* problem)
 {

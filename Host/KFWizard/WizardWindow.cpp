@@ -96,6 +96,10 @@ QLayout* WizardWindow::makeFooter()
     progressIndicator_->setAccessibleName(tr("Progress"));
     progressIndicator_->setTextVisible(false);
     progressIndicator_->setMaximumHeight(10);
+    // The line above the buttons stays where it is, from page to page.
+    QSizePolicy policy = progressIndicator_->sizePolicy();
+    policy.setRetainSizeWhenHidden(true);
+    progressIndicator_->setSizePolicy(policy);
     progressIndicator_->setVisible(false);
 
     helpButton_ = new QPushButton(tr("Help"));

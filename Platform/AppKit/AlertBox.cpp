@@ -2,9 +2,18 @@
 
 #include "AppKit/Text.h"
 
+#include <QLabel>
 #include <QPushButton>
 
+#include <algorithm>
+
 namespace kf {
+
+namespace {
+
+constexpr int maximumTextWidth = 500;
+
+} // namespace
 
 AlertBox::AlertBox(const AlertQuestion& question, QWidget* parent) : QMessageBox(parent)
 {
@@ -14,6 +23,8 @@ AlertBox::AlertBox(const AlertQuestion& question, QWidget* parent) : QMessageBox
     setTextFormat(Qt::PlainText);
     setText(toQString(question.messageText));
     setInformativeText(toQString(question.informativeText));
+
+    shapeTexts();
 
     QPushButton* safe = add(question.defaultButton, QMessageBox::RejectRole, "defaultButton");
     if (question.alternateButton)
@@ -36,6 +47,25 @@ AlertBox::AlertBox(const AlertQuestion& question, QWidget* parent) : QMessageBox
         if (auto* push = qobject_cast<QPushButton*>(button); push && push != safe)
             push->setAutoDefault(false);
     }
+}
+
+// The box has no setting for these; where a later Qt names its labels
+// otherwise, the texts only look plainer.
+void AlertBox::shapeTexts()
+{
+    if (auto* message = findChild<QLabel*>(QStringLiteral("qt_msgbox_label"))) {
+        QFont font = message->font();
+        font.setBold(true);
+        message->setFont(font);
+    }
+    auto* informative = findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel"));
+    if (!informative)
+        return;
+    // Wide enough for its short lines, an address among them; the long ones wrap.
+    int width = 0;
+    for (const QString& line : informative->text().split(u'\n'))
+        width = std::max(width, informative->fontMetrics().horizontalAdvance(line));
+    informative->setMinimumWidth(std::min(width, maximumTextWidth));
 }
 
 QPushButton* AlertBox::add(const Ref<NSString>& title, QMessageBox::ButtonRole role, const char* name)

@@ -2,6 +2,8 @@
 
 #include "Foundation/NSData.h"
 
+#include <QGuiApplication>
+#include <QPalette>
 #include <QStringDecoder>
 #include <QTextBlockFormat>
 #include <QTextBrowser>
@@ -532,6 +534,7 @@ void Reader::flushText()
             format.setAnchor(true);
             format.setAnchorHref(link_);
             format.setFontUnderline(true);
+            format.setForeground(QGuiApplication::palette().link());
         }
         cursor_.insertText(text, format);
         break;

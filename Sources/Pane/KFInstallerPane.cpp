@@ -19,6 +19,7 @@ KFWIZARD_PANE(KFInstallerPane)
 namespace {
 
 constexpr double helpPanelGap = 15.0;
+constexpr double helpMargin = 20.0;
 
 // The wizard's buttons must show their state before the work starts.
 void displayIfNeeded(QWidget* view)
@@ -57,6 +58,8 @@ void KFInstallerPane::awakeFromNib()
     const Ref<NSBundle> bundle = kf::paneBundle();
     const Ref<NSString> path = bundle ? bundle->pathForResource("Help"_ns, "rtf"_ns) : nullptr;
     kf::readRTFDFromFile(helpText_, path);
+    helpText_->document()->setDocumentMargin(helpMargin);
+    helpText_->document()->setIndentWidth(helpMargin);
     helpText_->setOpenLinks(false);
     connect(helpText_, &QTextBrowser::anchorClicked, this,
         [](const QUrl& link) { NSWorkspace::sharedWorkspace().openURL(kf::toNSString(link.toString())); });
