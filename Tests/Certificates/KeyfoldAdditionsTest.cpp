@@ -14,7 +14,8 @@ std::atomic<std::size_t> allocations{0};
 
 } // namespace
 
-void* operator new(std::size_t size)
+// Not inlined: g++ would see malloc behind one operator and not free behind the other.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     allocations.fetch_add(1, std::memory_order_relaxed);
     if (void* const memory = std::malloc(size > 0 ? size : 1))
@@ -22,9 +23,9 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace kf::test {
 namespace {
