@@ -1,6 +1,6 @@
 #include "Certificates/X509Certificate.h"
 #include "Foundation/NSDate.h"
-#include "Tests/Certificates/CertificateMaker.h"
+#include "Tests/Certificates/AnyCertificate.h"
 #include "Tests/Certificates/FieldModule.h"
 
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ protected:
         return secondsOf(CSSM_DATA{bytes.size(), bytes.data()});
     }
 
-    SecCertificateRef certificate = certificateFromDer(CertificateMaker().openssl("/CN=any"));
+    SecCertificateRef certificate = anyCertificate();
     FieldModule module;
 };
 

@@ -251,6 +251,26 @@ TEST(X509Certificate, ReadsTimesAtTheEdgesOfTheirForms)
     EXPECT_EQ(secondsOf(dictionary, "NotValidAfter"), 2524608000);
 }
 
+TEST(X509Certificate, WhatTheKeychainTakesForACertificateHasADictionary)
+{
+    const Bytes der = CertificateMaker().openssl("/O=Collegium+OU=Staff/CN=Ada");
+    int taken = 0;
+    for (std::size_t i = 0; i < der.size(); ++i) {
+        for (const int change : {0x01, 0x20, 0x80, 0xFF}) {
+            Bytes damaged = der;
+            damaged[i] = static_cast<std::uint8_t>(damaged[i] ^ change);
+            const CSSM_DATA data{damaged.size(), damaged.data()};
+            SecCertificateRef certificate;
+            if (SecCertificateCreateFromData(&data, CSSM_CERT_X_509v3, CSSM_CERT_ENCODING_DER, &certificate)
+                != errSecSuccess)
+                continue;
+            ++taken;
+            EXPECT_TRUE(X509Certificate::extractCertDictFromCert(certificate)) << i;
+        }
+    }
+    EXPECT_GT(taken, 100);
+}
+
 TEST(X509Certificate, TakesTheCertificateOfAnIdentity)
 {
     const auto certificate = certificateFromDer(CertificateMaker().openssl("/CN=Ada"));

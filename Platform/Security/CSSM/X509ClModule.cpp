@@ -118,14 +118,7 @@ std::optional<PublicKeyInfo> readPublicKeyInfo(DERReader& certificate)
     const auto type = algorithm.next(der::objectIdentifier);
     if (!type)
         return std::nullopt;
-    Span parameters;
-    if (!algorithm.atEnd()) {
-        const auto given = algorithm.next();
-        if (!given || !algorithm.atEnd())
-            return std::nullopt;
-        parameters = given->whole;
-    }
-    return PublicKeyInfo{type->content, parameters, key->content.subspan(1)};
+    return PublicKeyInfo{type->content, identifier->content.subspan(type->whole.size()), key->content.subspan(1)};
 }
 
 /// A certificate's parts; they point into its bytes.
@@ -139,18 +132,15 @@ struct Certificate {
     PublicKeyInfo publicKey;
 };
 
-/// Where the certificate has a version: the INTEGER within its wrapping. False for a damaged one.
-bool readVersion(DERReader& tbs, std::optional<Span>& version)
+/// The INTEGER within the version's wrapping; nothing where there is none. A
+/// broken one keeps nobody from reading the rest.
+std::optional<Span> readVersion(DERReader& tbs)
 {
     const auto wrapping = tbs.nextContext(0);
     if (!wrapping)
-        return true;
-    DERReader wrapped(wrapping->content);
-    const auto integer = wrapped.next(der::integer);
-    if (!integer || !wrapped.atEnd())
-        return false;
-    version = integer->content;
-    return true;
+        return std::nullopt;
+    const auto integer = DERReader(wrapping->content).next(der::integer);
+    return integer ? std::optional(integer->content) : std::nullopt;
 }
 
 bool readValidity(DERReader& tbs, Certificate& certificate)
@@ -172,8 +162,7 @@ std::optional<Certificate> readTbsCertificate(Span content)
 {
     Certificate certificate;
     DERReader tbs(content);
-    if (!readVersion(tbs, certificate.version))
-        return std::nullopt;
+    certificate.version = readVersion(tbs);
     const auto serial = tbs.next(der::integer);
     const auto signatureAlgorithm = tbs.next(der::sequence);
     auto issuer = readName(tbs);
