@@ -5,6 +5,7 @@ set(KEYFOLD_HELP_URL "https://help.orvane.example/certificates" CACHE STRING "Ad
 set(KEYFOLD_CERTIFICATE_AUTHORITY "" CACHE FILEPATH
     "The certificate authority's certificate (DER); empty: a demonstration authority is made")
 option(KEYFOLD_WITH_QT "Build what shows windows" ON)
+option(KEYFOLD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(KEYFOLD_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 
 add_library(keyfold_settings INTERFACE)
