@@ -90,7 +90,7 @@ TEST_F(Alert, QuittingIsNo)
 {
     NSInteger code = -7;
     QTimer::singleShot(0, [&] { code = run([](QWidget*) { QCoreApplication::quit(); }); });
-    QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(99); });
+    const kf::test::Deadline deadline;
     EXPECT_EQ(QApplication::exec(), 0);
     EXPECT_EQ(code, NSAlertDefaultReturn);
 }

@@ -301,7 +301,7 @@ TEST_F(Pane, QuittingWhileAJobRunsWaitsForBothJobs)
     });
     window_.show();
     QTimer::singleShot(0, [this] { window_.goToPane(pane_); });
-    QTimer::singleShot(20000, qApp, [] { QCoreApplication::exit(99); });
+    const kf::test::Deadline deadline;
     EXPECT_EQ(QApplication::exec(), 0);
     EXPECT_TRUE(quitAsked);
     EXPECT_EQ(pane_->personalStatus()->state(), 1);

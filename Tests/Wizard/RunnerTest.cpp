@@ -131,7 +131,7 @@ TEST(BackgroundRunner, AQuitWaitsForTheJobAndThenHappens)
         }));
     });
     QObject::connect(qApp, &QCoreApplication::aboutToQuit, &runner, [&] { quitBeforeEnd = !jobEnded; });
-    QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(99); });
+    const kf::test::Deadline deadline;
     EXPECT_EQ(QApplication::exec(), 0);
     EXPECT_TRUE(jobEnded);
     EXPECT_FALSE(quitBeforeEnd);

@@ -56,6 +56,19 @@ private:
     int seen_ = 0;
 };
 
+/// Ends the application's event loop with status 99 where a test does not.
+class Deadline {
+public:
+    explicit Deadline(int milliseconds = 20000)
+    {
+        QObject::connect(&timer_, &QTimer::timeout, [] { QCoreApplication::exit(99); });
+        timer_.start(milliseconds);
+    }
+
+private:
+    QTimer timer_;
+};
+
 /// The lines that are logged while it lives.
 class LogLines {
 public:

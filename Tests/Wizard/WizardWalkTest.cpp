@@ -229,7 +229,7 @@ TEST_F(WalkWithOldCertificate, QuittingAtTheQuestionKeepsItAndTheRunIsFinished)
 {
     int status = -1;
     QTimer::singleShot(0, [this] { visitAgain([](QWidget*) { QCoreApplication::quit(); }); });
-    QTimer::singleShot(20000, qApp, [] { QCoreApplication::exit(99); });
+    const kf::test::Deadline deadline;
     status = QApplication::exec();
     EXPECT_EQ(status, 0);
     EXPECT_EQ(keys(), 2);
