@@ -289,6 +289,14 @@ TEST_F(DirectToolTest, WhatCannotBeStartedIsToldAndLeavesNoChild)
     EXPECT_EQ(pipe, nullptr);
 }
 
+TEST_F(DirectToolTest, APathIsNotTakenFromTheWorkingDirectory)
+{
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path("/");
+    EXPECT_EQ(execute(authorized(), "bin/true", {}), errAuthorizationToolExecuteFailure);
+    std::filesystem::current_path(before);
+}
+
 TEST_F(DirectToolTest, WithoutAPipeTheInputIsEmpty)
 {
     ASSERT_EQ(
@@ -313,8 +321,8 @@ TEST_F(DirectToolTest, PipeIsTheToolsInputAndOutput)
 
 TEST_F(DirectToolTest, ToolGetsOnlyTheStandardDescriptors)
 {
-    const int leaked = ::open("/dev/null", O_RDONLY); // on purpose not close-on-exec
-    ASSERT_GE(leaked, 3);
+    const int leaked = ::fcntl(1, F_DUPFD, 20); // on purpose not close-on-exec
+    ASSERT_GE(leaked, 20);
     for (const bool withPipe : {false, true}) {
         std::FILE* pipe = nullptr;
         // The listing itself holds the directory open as one more.

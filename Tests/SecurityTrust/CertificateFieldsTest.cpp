@@ -1,6 +1,7 @@
 // Reading certificates that the openssl program made.
 
 #include "Security/Certificate/CertificateFields.h"
+#include "Security/Certificate/DERReader.h"
 #include "Tests/Support/Fixtures.h"
 
 #include <algorithm>
@@ -46,8 +47,8 @@ std::string openssl(const Bytes& der, std::vector<std::string> what)
 class CertificateFieldsTest : public ::testing::Test {
 protected:
     /// A self-signed certificate whose name and extensions are given in openssl's configuration form.
-    Bytes selfSigned(
-        const std::string& distinguishedName, const std::string& extensions, const std::string& stringMask = "utf8only")
+    Bytes selfSigned(const std::string& distinguishedName, const std::string& extensions,
+        const std::string& stringMask = "utf8only", const std::string& serial = "1")
     {
         const auto directory = authority().directory();
         const auto configuration = directory / "self.cnf";
@@ -55,7 +56,7 @@ protected:
             "[req]\ndistinguished_name=dn\nprompt=no\nx509_extensions=ext\nstring_mask=" + stringMask + "\n[dn]\n"
                 + distinguishedName + "\n[ext]\n" + extensions + "\n");
         mustRun({"openssl", "req", "-x509", "-utf8", "-new", "-config", configuration, "-key", directory / "root.key",
-            "-outform", "DER", "-out", directory / "self.der"});
+            "-set_serial", serial, "-outform", "DER", "-out", directory / "self.der"});
         return kf::test::readFile(directory / "self.der");
     }
 
@@ -179,13 +180,14 @@ TEST_F(CertificateFieldsTest, LabelFallsBackFromCommonNameToSerialNumber)
     EXPECT_EQ(label("O=Collegium\nOU=Registry\nCN=Ada"), "Ada");
     EXPECT_EQ(label("O=Collegium\nOU=Registry"), "Registry");
     EXPECT_EQ(label("O=Collegium\nC=CH"), "Collegium");
-    const Bytes nameless = selfSigned("C=CH", "basicConstraints=CA:FALSE");
-    const auto fields = readCertificateFields(nameless);
-    ASSERT_TRUE(fields);
-    std::string serial = openssl(nameless, {"-serial"});
-    EXPECT_EQ("serial=" + fields->label + "\n", serial);
-    EXPECT_THAT(fields->commonName, IsEmpty());
-    EXPECT_THAT(fields->alias(), IsEmpty());
+    for (const std::string serial : {"01", "7F02", "FF03"}) {
+        const Bytes nameless = selfSigned("C=CH", "basicConstraints=CA:FALSE", "utf8only", "0x" + serial);
+        const auto fields = readCertificateFields(nameless);
+        ASSERT_TRUE(fields);
+        EXPECT_EQ(fields->label, serial);
+        EXPECT_THAT(fields->commonName, IsEmpty());
+        EXPECT_THAT(fields->alias(), IsEmpty());
+    }
 }
 
 TEST_F(CertificateFieldsTest, OfSeveralCommonNamesTheLastOneCounts)
@@ -270,6 +272,35 @@ TEST_F(CertificateFieldsTest, SurvivesEveryFlippedByte)
         }
     }
     EXPECT_GT(refused, leaf.size() / 4) << "damage of the structure is noticed";
+}
+
+TEST(DERReader, TakesDefiniteShortestLengthsOnly)
+{
+    const auto next = [](const std::vector<std::uint8_t>& bytes) { return kf::DERReader(bytes).next(); };
+    const std::vector<std::uint8_t> followed = {0x30, 0x02, 0x05, 0x00, 0x01};
+    const auto element = next(followed);
+    ASSERT_TRUE(element);
+    EXPECT_TRUE(element->is(kf::der::sequence));
+    EXPECT_TRUE(element->constructed);
+    EXPECT_THAT(element->content, ElementsAre(0x05, 0x00));
+    EXPECT_EQ(element->whole.size(), 4U);
+    EXPECT_FALSE(next({}));
+    EXPECT_FALSE(next({0x30}));
+    EXPECT_FALSE(next({0x30, 0x03, 0x05, 0x00})) << "runs past the end";
+    EXPECT_FALSE(next({0x30, 0x80, 0x05, 0x00, 0x00, 0x00})) << "indefinite";
+    EXPECT_FALSE(next({0x30, 0x81, 0x02, 0x05, 0x00})) << "longer than needed";
+    EXPECT_FALSE(next({0x30, 0x84, 0xFF, 0xFF, 0xFF, 0xFF})) << "absurd";
+}
+
+TEST(DERReader, StaysWhereTheTagDiffers)
+{
+    const std::vector<std::uint8_t> bytes = {0xA1, 0x00, 0x02, 0x01, 0x07};
+    kf::DERReader reader(bytes);
+    EXPECT_FALSE(reader.nextContext(0));
+    EXPECT_FALSE(reader.next(kf::der::integer));
+    EXPECT_TRUE(reader.nextContext(1));
+    EXPECT_TRUE(reader.next(kf::der::integer));
+    EXPECT_TRUE(reader.atEnd());
 }
 
 TEST(Digests, AreTheStandardOnes)

@@ -312,7 +312,8 @@ TEST_F(TrustTest, AnIssuerThatIsNoAuthorityIsRefused)
     const auto directory = authority().directory();
     const auto owner = authority().issue();
     set(defaultKeychain(), owner.leaf, yes, yes);
-    kf::test::writeFile(directory / "none.cnf", std::string_view("basicConstraints=CA:FALSE\n"));
+    kf::test::writeFile(
+        directory / "none.cnf", std::string_view("basicConstraints=CA:FALSE\nauthorityKeyIdentifier=none\n"));
     mustRun({"openssl", "req", "-new", "-subj", "/CN=Below", "-key", directory / "root.key", "-out",
         directory / "below.csr"});
     mustRun({"openssl", "x509", "-req", "-in", directory / "below.csr", "-CA", owner.certFile, "-CAkey", owner.keyFile,
@@ -554,6 +555,31 @@ TEST_F(TrustSettingsTest, WhereWritingFailsNothingIsChanged)
     EXPECT_TRUE(faults->fired());
     faults->disarm();
     EXPECT_EQ(evaluate({root()}), kSecTrustResultProceed);
+}
+
+TEST_F(TrustTest, OfSeveralIssuersWithOneNameTheOneThatSignedCounts)
+{
+    const auto directory = authority().directory();
+    const auto path = [&](const std::string& name) { return (directory / name).string(); };
+    kf::test::writeFile(directory / "bare.cnf",
+        std::string_view("[req]\ndistinguished_name=dn\nprompt=no\nx509_extensions=ext\n[dn]\nCN=Twin\n"
+                         "[ext]\nbasicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=none\n"
+                         "authorityKeyIdentifier=none\n"));
+    std::vector<Bytes> twins;
+    for (const std::string name : {"twin1", "twin2"}) {
+        mustRun({"openssl", "req", "-x509", "-new", "-newkey", "rsa:2048", "-nodes", "-config", path("bare.cnf"),
+            "-keyout", path(name + ".key"), "-out", path(name + ".pem")});
+        mustRun({"openssl", "x509", "-in", path(name + ".pem"), "-outform", "DER", "-out", path(name + ".der")});
+        twins.push_back(kf::test::readFile(path(name + ".der")));
+        set(defaultKeychain(), twins.back(), yes, yes);
+        kf::test::writeFile(
+            directory / "below.cnf", std::string_view("basicConstraints=CA:FALSE\nauthorityKeyIdentifier=none\n"));
+        mustRun({"openssl", "req", "-new", "-subj", "/CN=Below", "-key", path("root.key"), "-out", path("below.csr")});
+        mustRun({"openssl", "x509", "-req", "-in", path("below.csr"), "-CA", path(name + ".pem"), "-CAkey",
+            path(name + ".key"), "-extfile", path("below.cnf"), "-outform", "DER", "-out", path(name + "-below.der")});
+    }
+    EXPECT_EQ(evaluate({kf::test::readFile(path("twin1-below.der"))}), kSecTrustResultProceed);
+    EXPECT_EQ(evaluate({kf::test::readFile(path("twin2-below.der"))}), kSecTrustResultProceed);
 }
 
 TEST_F(TrustTest, AKeychainThatCannotBeReadHasNoSay)

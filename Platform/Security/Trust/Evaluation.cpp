@@ -257,8 +257,6 @@ Result<SecTrustResultType> evaluate(const std::vector<SecCertificateRef>& certif
     ChainMaterial material(certificates);
     if (!material.collect())
         return Failure{errSecUnknownFormat};
-    if (material.leaf().level == TrustLevel::denied)
-        return kSecTrustResultDeny;
     const auto bySetting = verify(material, anchorsBySetting(material));
     if (!bySetting)
         return bySetting.failure();
