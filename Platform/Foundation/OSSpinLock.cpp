@@ -3,7 +3,10 @@
 #include <atomic>
 
 #include <linux/futex.h>
+#include <linux/membarrier.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -19,6 +22,36 @@ constexpr OSSpinLock contended = 2;
 
 constexpr int spins = 100;
 
+// Locked instructions are nearly all that an uncontended lock costs. While no
+// thread of this process has ever had to sleep at a lock, unlocking does
+// without: it stores the word and then looks whether that is still so. Nothing
+// but a barrier keeps a processor from looking first; the thread that is going
+// to sleep has one made on every core that runs this process.
+
+bool membarrier(int command) noexcept { return syscall(SYS_membarrier, command, 0, 0) == 0; }
+
+bool registerBarriers() noexcept { return membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED); }
+
+const bool barriersWork = registerBarriers();
+/// Unlocking may use an ordinary store. Never again once a thread has had to sleep.
+std::atomic<bool> storesSuffice{barriersWork};
+/// Every thread is known to have seen that stores do not suffice.
+std::atomic<bool> everybodyKnows{!barriersWork};
+
+/// False where the kernel does not make barriers after all.
+bool tellEverybody() noexcept
+{
+    if (everybodyKnows.load())
+        return true;
+    storesSuffice.store(false);
+    // A child of fork may have to register anew.
+    if (!membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED)
+        && !(registerBarriers() && membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED)))
+        return false;
+    everybodyKnows.store(true);
+    return true;
+}
+
 std::atomic_ref<OSSpinLock> word(volatile OSSpinLock* lock) noexcept
 {
     return std::atomic_ref<OSSpinLock>(const_cast<OSSpinLock&>(*lock));
@@ -33,40 +66,60 @@ void pauseCore() noexcept
 #endif
 }
 
-void futex(volatile OSSpinLock* lock, int operation, OSSpinLock value) noexcept
+/// Takes the lock where it is free. While a process has one thread, nobody else
+/// can be at it and an ordinary store does: making a second thread orders it.
+bool take(volatile OSSpinLock* lock) noexcept
 {
-    syscall(SYS_futex, lock, operation | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
+    OSSpinLock expected = unlocked;
+    if (!__libc_single_threaded)
+        return word(lock).compare_exchange_strong(
+            expected, locked, std::memory_order_acquire, std::memory_order_relaxed);
+    if (word(lock).load(std::memory_order_relaxed) != unlocked)
+        return false;
+    word(lock).store(locked, std::memory_order_relaxed);
+    return true;
 }
 
-[[gnu::noinline]] void lockContended(volatile OSSpinLock* lock) noexcept
+[[gnu::cold, gnu::noinline]] void lockContended(volatile OSSpinLock* lock) noexcept
 {
     for (int i = 0; i < spins; ++i) {
-        if (word(lock).load(std::memory_order_relaxed) == unlocked && OSSpinLockTry(lock))
+        if (word(lock).load(std::memory_order_relaxed) == unlocked && take(lock))
             return;
         pauseCore();
     }
+    // Where a wake may be missed, look again after a millisecond.
+    constexpr timespec millisecond{0, 1000000};
+    const timespec* const longest = tellEverybody() ? nullptr : &millisecond;
     // From here on the word says "contended" even if this thread turns out to
     // be the last one waiting; that costs at most one needless wake.
-    while (word(lock).exchange(contended, std::memory_order_acquire) != unlocked)
-        futex(lock, FUTEX_WAIT, contended);
+    while (word(lock).exchange(contended) != unlocked)
+        syscall(SYS_futex, lock, FUTEX_WAIT_PRIVATE, contended, longest, nullptr, 0);
+}
+
+[[gnu::cold, gnu::noinline]] void wakeOne(volatile OSSpinLock* lock) noexcept
+{
+    syscall(SYS_futex, lock, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 } // namespace
 
 void OSSpinLockLock(volatile OSSpinLock* lock)
 {
-    if (!OSSpinLockTry(lock)) [[unlikely]]
+    if (!take(lock)) [[unlikely]]
         lockContended(lock);
 }
 
-bool OSSpinLockTry(volatile OSSpinLock* lock)
-{
-    OSSpinLock expected = unlocked;
-    return word(lock).compare_exchange_strong(expected, locked, std::memory_order_acquire, std::memory_order_relaxed);
-}
+bool OSSpinLockTry(volatile OSSpinLock* lock) { return take(lock); }
 
 void OSSpinLockUnlock(volatile OSSpinLock* lock)
 {
-    if (word(lock).exchange(unlocked, std::memory_order_release) == contended) [[unlikely]]
-        futex(lock, FUTEX_WAKE, 1);
+    if (!storesSuffice.load(std::memory_order_relaxed)) {
+        if (word(lock).exchange(unlocked, std::memory_order_release) == contended) [[unlikely]]
+            wakeOne(lock);
+        return;
+    }
+    word(lock).store(unlocked, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler, too, must not look first
+    if (!storesSuffice.load(std::memory_order_relaxed)) [[unlikely]]
+        wakeOne(lock); // the word may have said "contended"
 }

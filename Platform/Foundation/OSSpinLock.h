@@ -7,9 +7,10 @@
 using OSSpinLock = std::int32_t;
 inline constexpr OSSpinLock OS_SPINLOCK_INIT = 0;
 
-/// Takes the lock. Uncontended it is one atomic exchange; contended it spins
-/// about a hundred times and then sleeps in the kernel, so that threads which
-/// outnumber the cores do not starve the holder. Not recursive.
+/// Takes the lock. Uncontended, taking and giving back cost one locked
+/// instruction; contended it spins about a hundred times and then sleeps in the
+/// kernel, so that threads which outnumber the cores do not starve the holder.
+/// Not recursive.
 void OSSpinLockLock(volatile OSSpinLock* lock);
 /// Takes the lock where it is free; false where it is held.
 bool OSSpinLockTry(volatile OSSpinLock* lock);
