@@ -58,6 +58,16 @@ SecTrustResultType evaluate(const Ref<NSArray>& certificates, const SecPolicyRef
 void KFInstallerPane::installCertificateAuthority()
 {
     Private::setState(this, -1, authorityStatus_);
+    try {
+        findOrInstallAuthority();
+    } catch (const std::exception& exception) {
+        NSLog("installCertificateAuthority: %s", exception.what());
+        failAuthority("Failed to install the certificate authority"_ns);
+    }
+}
+
+void KFInstallerPane::findOrInstallAuthority()
+{
     bool installedByTool = false;
     if (countOf(KFUtilities::certificatesForAlias(authorityAlias())) == 0
         && !installAuthorityCertificate(&installedByTool))

@@ -58,9 +58,11 @@ protected:
 
 private:
     void performJob(const kf::Selector& selector, QLabel* messages);
+    void findOrInstallAuthority();
     bool installAuthorityCertificate(bool* installedByTool);
     void trustAuthority(const Ref<NSArray>& certificates, bool installedByTool);
     void failAuthority(const Ref<NSString>& message);
+    void offerToDeleteOldCertificates();
     void deleteOldIdentities(const Ref<NSArray>& identities, const Ref<NSString>& emailAddress);
     void deleteOldCertificates(const Ref<NSString>& emailAddress);
     OSStatus importBundle(Ref<NSArray>* items);

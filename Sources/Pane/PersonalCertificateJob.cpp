@@ -69,6 +69,22 @@ void KFInstallerPane::installPersonalCertificate()
 {
     showMessage("Installing your personal certificate"_ns);
     Private::setState(this, -1, personalStatus_);
+    OSStatus status = errSecInternalComponent;
+    Ref<NSArray> items;
+    try {
+        offerToDeleteOldCertificates();
+        status = importBundle(&items);
+    } catch (const std::exception& exception) {
+        // Whatever happens: bundle and pass phrase do not stay behind, and the person is told.
+        NSLog("installPersonalCertificate: %s", exception.what());
+    }
+    setValue(nullptr, "pkcs12"_ns);
+    setValue(nullptr, "downloadpassword"_ns);
+    reportImport(status, items);
+}
+
+void KFInstallerPane::offerToDeleteOldCertificates()
+{
     const Ref<NSString> login = refCast<NSString>(valueForField("login"_ns));
     const Ref<NSString> emailAddress = emailAddressForLogin(login);
     const Ref<NSArray> identities = identitiesOf(login, emailAddress);
@@ -86,12 +102,6 @@ void KFInstallerPane::installPersonalCertificate()
         deleteOldIdentities(identities, emailAddress);
         deleteOldCertificates(emailAddress);
     }
-
-    Ref<NSArray> items;
-    const OSStatus status = importBundle(&items);
-    setValue(nullptr, "pkcs12"_ns);
-    setValue(nullptr, "downloadpassword"_ns);
-    reportImport(status, items);
 }
 
 void KFInstallerPane::identityAlert()

@@ -34,7 +34,7 @@ const std::vector<Rule> rules = {
     {"Sources/Pane", {"KFWizard", "Keychain", "Certificates", "Shared", "KFRegex", "Foundation", "Security", "AppKit"}},
     {"Sources/Keychain", {"Certificates", "Shared", "KFRegex", "Foundation", "Security"}},
     {"Sources/Certificates", {"Shared", "KFRegex", "Foundation", "Security"}},
-    {"Sources/Shared", {"Foundation"}},
+    {"Sources/Shared", {"KFRegex", "Foundation"}},
     {"Tools/security", {"Foundation", "Security"}},
 };
 

@@ -197,6 +197,20 @@ TEST_F(AuthorityJob, TellsWhyTrustCouldNotBeWritten)
     EXPECT_EQ(pane_->authorityStatus()->state(), 1);
 }
 
+TEST_F(AuthorityJob, AnExceptionIsAFailureInRed)
+{
+    ASSERT_EQ(SecCertificateAddToKeychain(authority_, defaultKeychain()), errSecSuccess);
+    {
+        const NSLogObserver breaking([](const std::string& line) {
+            if (line.starts_with("Found "))
+                throw std::bad_alloc();
+        });
+        runAuthorityJob();
+    }
+    expect(0, "Failed to install the certificate authority", true);
+    EXPECT_EQ(userTrust(authority_), errSecItemNotFound);
+}
+
 TEST_F(AuthorityJob, IsGrayWhileItWorks)
 {
     pane_->authorityStatus()->setState(1);

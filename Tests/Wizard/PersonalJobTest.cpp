@@ -348,6 +348,22 @@ TEST_F(PersonalJob, AKeychainThatRefusesLeavesNothingBehind)
     EXPECT_EQ(certificates(), 0U);
 }
 
+TEST_F(PersonalJob, AnExceptionIsAFailureThatClearsTheFields)
+{
+    {
+        const NSLogObserver breaking([](const std::string& line) {
+            if (line.starts_with("Found "))
+                throw std::bad_alloc();
+        });
+        runPersonalJob();
+    }
+    expectFailure(errSecInternalComponent);
+    EXPECT_EQ(certificates(), 0U);
+    setBundle(fresh().pkcs12, fresh().passphrase);
+    runPersonalJob();
+    expectSuccess();
+}
+
 TEST_F(PersonalJob, ImportsAfterAFailedDeletionAllTheSame)
 {
     install(oldOwn());
