@@ -18,7 +18,9 @@ target_compile_definitions(keyfold_settings INTERFACE $<$<CONFIG:Release>:_FORTI
 target_link_options(keyfold_settings INTERFACE -Wl,-z,relro,-z,now)
 if(KEYFOLD_SANITIZE)
   target_compile_options(keyfold_settings INTERFACE -fsanitize=${KEYFOLD_SANITIZE} -fno-omit-frame-pointer
-                         -fno-sanitize-recover=all)
+                         -fno-sanitize-recover=all
+                         # With sanitizers g++ takes the standard library's own code for uninitialized.
+                         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(keyfold_settings INTERFACE -fsanitize=${KEYFOLD_SANITIZE})
 endif()
 

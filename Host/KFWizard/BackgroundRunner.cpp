@@ -5,12 +5,11 @@
 #include <QApplication>
 #include <QEvent>
 #include <QEventLoop>
-#include <QThread>
 #include <QTimer>
 
 #include <chrono>
 #include <exception>
-#include <memory>
+#include <thread>
 
 namespace kf {
 
@@ -76,13 +75,7 @@ bool BackgroundRunner::run(const BackgroundJob& job)
 void BackgroundRunner::waitFor(const BackgroundJob& job)
 {
     bool ended = false;
-    const std::unique_ptr<QThread> thread(QThread::create([&job] { perform(job); }));
-    thread->setObjectName(QStringLiteral("job"));
-    // Queued, so that it comes after everything that the job sent to this thread.
     QObject context;
-    connect(
-        thread.get(), &QThread::finished, &context, [&ended] { ended = true; }, Qt::QueuedConnection);
-
     QTimer limit;
     limit.setSingleShot(true);
     connect(&limit, &QTimer::timeout, &context, [&job] {
@@ -91,13 +84,18 @@ void BackgroundRunner::waitFor(const BackgroundJob& job)
     if (job.timeout >= 0)
         limit.start(std::chrono::milliseconds(static_cast<std::int64_t>(job.timeout * 1000)));
 
-    thread->start();
+    // Not a QThread: waiting for one ends before what libraries keep for the thread is given back.
+    std::thread thread([&] {
+        perform(job);
+        // Queued, so that it comes after everything that the job sent to the main thread.
+        QMetaObject::invokeMethod(&context, [&ended] { ended = true; }, Qt::QueuedConnection);
+    });
     // Not exec(): a program that is told to exit leaves every exec(), and the
     // job would then wait for ever for a main thread that waits for it.
     QEventLoop loop;
     while (!ended)
         loop.processEvents(QEventLoop::WaitForMoreEvents);
-    thread->wait();
+    thread.join();
 }
 
 bool BackgroundRunner::eventFilter(QObject* watched, QEvent* event)
