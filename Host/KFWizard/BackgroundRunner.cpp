@@ -1,6 +1,6 @@
 #include "KFWizard/BackgroundRunner.h"
 
-#include "Foundation/NSLog.h"
+#include "Foundation/Guarded.h"
 
 #include <QApplication>
 #include <QEvent>
@@ -8,23 +8,11 @@
 #include <QTimer>
 
 #include <chrono>
-#include <exception>
 #include <thread>
 
 namespace kf {
 
 namespace {
-
-void perform(const BackgroundJob& job) noexcept
-{
-    try {
-        job.selector.call(job.object);
-    } catch (const std::exception& exception) {
-        NSLog("The job %s ended with an exception: %s", job.selector.name, exception.what());
-    } catch (...) {
-        NSLog("The job %s ended with an exception", job.selector.name);
-    }
-}
 
 /// A bar in motion while it lives.
 class Animation {
@@ -86,9 +74,10 @@ void BackgroundRunner::waitFor(const BackgroundJob& job)
 
     // Not a QThread: waiting for one ends before what libraries keep for the thread is given back.
     std::thread thread([&] {
-        perform(job);
+        guarded(job.selector.name.c_str(), [&job] { job.selector.call(job.object); });
         // Queued, so that it comes after everything that the job sent to the main thread.
-        QMetaObject::invokeMethod(&context, [&ended] { ended = true; }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            &context, [&ended] { ended = true; }, Qt::QueuedConnection);
     });
     // Not exec(): a program that is told to exit leaves every exec(), and the
     // job would then wait for ever for a main thread that waits for it.

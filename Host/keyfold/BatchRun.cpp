@@ -11,6 +11,7 @@
 
 #include <QApplication>
 
+#include <csignal>
 #include <cstdio>
 
 namespace kf {
@@ -88,6 +89,8 @@ int runPage(const CommandLine& line, WizardWindow& window)
 
 int runBatch(const CommandLine& line, char* program)
 {
+    // Whoever reads less of the output than there is does not end the work.
+    std::signal(SIGPIPE, SIG_IGN);
     const Ref<NSString> login = NSString::stringWithUTF8String(line.login);
     if (!login)
         return fail(exitWrongUsage, "the login name is no UTF-8 text");

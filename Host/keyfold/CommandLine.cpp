@@ -72,6 +72,11 @@ std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* cons
     if (!deleteOld.empty() && deleteOld != "yes" && deleteOld != "no")
         return misuse("--delete-old takes yes or no, not", deleteOld);
     line.deleteOld = deleteOld == "yes";
+    // A name that is slightly wrong would find none of the person's old certificates.
+    if (line.login.find_first_of(" \t\r\n@") != std::string::npos)
+        return misuse("--login takes a name without white space and without the e-mail domain, not", line.login);
+    if (line.pkcs12File == "-")
+        return misuse("standard input is only for the pass phrase, not for", "--pkcs12");
     if (line.action == CommandLine::Action::batch) {
         if (const auto error = missingForBatch(line))
             return *error;

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
+#include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace kf {
@@ -20,10 +22,7 @@ constexpr std::size_t maximumPassphrase = 4096;
 
 class FileDescriptor {
 public:
-    explicit FileDescriptor(const std::string& path)
-        : number_(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY))
-    {
-    }
+    explicit FileDescriptor(int number) : number_(number) { }
     ~FileDescriptor()
     {
         if (number_ >= 0)
@@ -37,26 +36,55 @@ private:
     int number_;
 };
 
+/// A terminal without echo while it lives; nothing for any other file.
+class Echoless {
+public:
+    explicit Echoless(int descriptor) : descriptor_(descriptor), active_(tcgetattr(descriptor, &before_) == 0)
+    {
+        if (!active_)
+            return;
+        termios quiet = before_;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(descriptor_, TCSAFLUSH, &quiet);
+        std::fputs("Pass phrase: ", stderr);
+    }
+    ~Echoless()
+    {
+        if (!active_)
+            return;
+        tcsetattr(descriptor_, TCSAFLUSH, &before_);
+        std::fputc('\n', stderr);
+    }
+    Echoless(const Echoless&) = delete;
+    Echoless& operator=(const Echoless&) = delete;
+
+private:
+    int descriptor_;
+    termios before_{};
+    bool active_;
+};
+
 InputError systemError(const std::string& path) { return {path + " cannot be read: " + std::strerror(errno)}; }
 
-/// Reads all of a file into one block that is never moved; without stdio,
-/// whose buffers would keep a copy. One byte above `limit` tells a longer file.
-std::variant<SecretBytes, InputError> readFile(const std::string& path, std::size_t limit)
+/// Reads a file, to its end or to the end of its first line, into one block
+/// that is never moved; without stdio, whose buffers would keep a copy. One byte
+/// above `limit` tells a longer file.
+std::variant<SecretBytes, InputError> readFile(int file, const std::string& path, std::size_t limit, bool firstLine)
 {
-    const FileDescriptor file(path);
-    if (file.number() < 0)
-        return systemError(path);
     SecretBytes bytes(limit + 1);
     std::size_t length = 0;
     while (length < bytes.size()) {
-        const ssize_t count = read(file.number(), bytes.data() + length, bytes.size() - length);
+        const ssize_t count = read(file, bytes.data() + length, bytes.size() - length);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
             return systemError(path);
         if (count == 0)
             break;
+        const auto* const start = bytes.data() + length;
         length += static_cast<std::size_t>(count);
+        if (firstLine && std::memchr(start, '\n', static_cast<std::size_t>(count)))
+            break;
     }
     if (length > limit)
         return InputError{path + " is longer than " + std::to_string(limit) + " bytes"};
@@ -76,7 +104,14 @@ bool isBase64Text(const SecretBytes& bytes)
 
 std::variant<Ref<NSString>, InputError> readPKCS12AsBase64(const std::string& path)
 {
-    auto content = readFile(path, maximumBundle);
+    // A pipe or a device would be waited for, on the window's own thread.
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    struct stat status { };
+    if (file.number() < 0 || fstat(file.number(), &status) != 0)
+        return systemError(path);
+    if (!S_ISREG(status.st_mode))
+        return InputError{path + " cannot be read: it is no regular file"};
+    auto content = readFile(file.number(), path, maximumBundle, false);
     if (const auto* error = std::get_if<InputError>(&content))
         return *error;
     const auto& bytes = std::get<SecretBytes>(content);
@@ -92,15 +127,22 @@ std::variant<Ref<NSString>, InputError> readPKCS12AsBase64(const std::string& pa
 
 std::variant<Ref<NSString>, InputError> readPassphrase(const std::string& path)
 {
-    auto content = readFile(path, maximumPassphrase);
+    const FileDescriptor file(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (file.number() < 0)
+        return systemError(path);
+    const Echoless echoless(file.number());
+    auto content = readFile(file.number(), path, maximumPassphrase, true);
     if (const auto* error = std::get_if<InputError>(&content))
         return *error;
     const auto& bytes = std::get<SecretBytes>(content);
     auto end = std::find(bytes.begin(), bytes.end(), '\n');
     if (end != bytes.begin() && *(end - 1) == '\r')
         --end;
-    const std::string_view line(
-        reinterpret_cast<const char*>(bytes.data()), static_cast<std::size_t>(end - bytes.begin()));
+    std::string_view line(reinterpret_cast<const char*>(bytes.data()), static_cast<std::size_t>(end - bytes.begin()));
+    if (line.find('\0') != std::string_view::npos)
+        return InputError{path + " holds a zero byte"};
+    if (constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF"; line.starts_with(byteOrderMark))
+        line.remove_prefix(byteOrderMark.size());
     Ref<NSString> passphrase = NSString::sensitiveStringWithUTF8String(line);
     if (!passphrase)
         return InputError{path + " holds no UTF-8 text"};

@@ -137,6 +137,7 @@ struct SecKeyImportExportParameters {
 /// SecCertificates; the caller owns the array. On failure `*items` is nil.
 ///
 /// Errors: errSecParam (wrong record version, null parameters),
+/// errSecNoDefaultKeychain (nil keychain),
 /// errSecDataNotAvailable (no data, or no key or certificate in the bundle),
 /// errSecPassphraseRequired (nil pass phrase), errSecPkcs12VerifyFailure (wrong
 /// pass phrase), errSecDecode (damaged), errSecUnknownFormat (no PKCS#12),

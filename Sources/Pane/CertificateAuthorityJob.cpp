@@ -1,6 +1,7 @@
 // The first job: the institution's root certificate.
 
 #include "AppKit/MainThread.h"
+#include "Foundation/Guarded.h"
 #include "Foundation/NSData.h"
 #include "Foundation/NSDictionary.h"
 #include "Foundation/NSLog.h"
@@ -58,12 +59,8 @@ SecTrustResultType evaluate(const Ref<NSArray>& certificates, const SecPolicyRef
 void KFInstallerPane::installCertificateAuthority()
 {
     Private::setState(this, -1, authorityStatus_);
-    try {
-        findOrInstallAuthority();
-    } catch (const std::exception& exception) {
-        NSLog("installCertificateAuthority: %s", exception.what());
+    if (!kf::guarded("installCertificateAuthority", [this] { findOrInstallAuthority(); }))
         failAuthority("Failed to install the certificate authority"_ns);
-    }
 }
 
 void KFInstallerPane::findOrInstallAuthority()

@@ -3,6 +3,7 @@
 #include "AppKit/MainThread.h"
 #include "Certificates/NSData+KeyfoldAdditions.h"
 #include "Certificates/X509Certificate.h"
+#include "Foundation/Guarded.h"
 #include "Foundation/NSDictionary.h"
 #include "Foundation/NSLog.h"
 #include "Keychain/KeychainTools.h"
@@ -71,16 +72,15 @@ void KFInstallerPane::installPersonalCertificate()
     Private::setState(this, -1, personalStatus_);
     OSStatus status = errSecInternalComponent;
     Ref<NSArray> items;
-    try {
+    kf::guarded("installPersonalCertificate", [&] {
         offerToDeleteOldCertificates();
         status = importBundle(&items);
-    } catch (const std::exception& exception) {
-        // Whatever happens: bundle and pass phrase do not stay behind, and the person is told.
-        NSLog("installPersonalCertificate: %s", exception.what());
-    }
+    });
+    // Whatever happened: bundle and pass phrase do not stay behind, and the sphere does not stay gray.
     setValue(nullptr, "pkcs12"_ns);
     setValue(nullptr, "downloadpassword"_ns);
-    reportImport(status, items);
+    if (!kf::guarded("installPersonalCertificate", [&] { reportImport(status, items); }))
+        Private::setState(this, 0, personalStatus_);
 }
 
 void KFInstallerPane::offerToDeleteOldCertificates()

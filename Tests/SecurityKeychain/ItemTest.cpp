@@ -180,7 +180,7 @@ TEST_F(Items, AnImportWithoutDataPassphraseOrPlaceIsRefusedAndMakesNoKeychain)
     EXPECT_FALSE(items);
     EXPECT_EQ(import(keychain, ada().pkcs12, nullptr), errSecPassphraseRequired);
     EXPECT_EQ(import(keychain, ada().pkcs12, "wrong"_ns), errSecPkcs12VerifyFailure);
-    EXPECT_EQ(import(nullptr, ada().pkcs12, phrase), errSecParam);
+    EXPECT_EQ(import(nullptr, ada().pkcs12, phrase), errSecNoDefaultKeychain);
     SecKeyImportExportParameters parameters;
     parameters.passphrase = phrase;
     const auto data = NSData::dataWithBytes(ada().pkcs12);

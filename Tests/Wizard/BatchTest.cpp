@@ -8,6 +8,7 @@
 #include <QImage>
 
 #include <algorithm>
+#include <sys/stat.h>
 
 namespace {
 
@@ -172,6 +173,12 @@ INSTANTIATE_TEST_SUITE_P(Rows, BatchMisuse,
         Misuse{"Twice", {"--login", "a", "--login=b"}, "given twice: --login"},
         Misuse{"Unknown", {"--passphrase", "geheim"}, "unknown argument: --passphrase"},
         Misuse{"DeleteWhat", {"--batch", "--delete-old", "maybe"}, "--delete-old takes yes or no, not: maybe"},
+        Misuse{"LoginWithBlank", {"--batch", "--login", "ada "},
+            "--login takes a name without white space and without the e-mail domain, not: ada "},
+        Misuse{"LoginWithDomain", {"--batch", "--login", "ada@orvane.example"},
+            "--login takes a name without white space and without the e-mail domain, not: ada@orvane.example"},
+        Misuse{"BundleFromStandardInput", {"--batch", "--pkcs12", "-"},
+            "standard input is only for the pass phrase, not for: --pkcs12"},
         Misuse{"WindowWithPassphrase", {"--passphrase-file", "f"}, "only for --batch: --passphrase-file"}),
     [](const auto& row) { return std::string(row.param.name); });
 
@@ -181,6 +188,46 @@ TEST_F(Batch, TellsABundleThatCannotBeRead)
         keyfold({"--batch", "--login", "ada", "--pkcs12", "/nonexistent", "--passphrase-file", passphraseFile()});
     EXPECT_EQ(ran.status, 3);
     EXPECT_EQ(ran.output, "keyfold: /nonexistent cannot be read: No such file or directory\n");
+}
+
+TEST_F(Batch, DoesNotWaitForAPipeAsABundle)
+{
+    const std::string pipe = home_.path() / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const Ran ran = keyfold({"--batch", "--login", "ada", "--pkcs12", pipe, "--passphrase-file", passphraseFile()});
+    EXPECT_EQ(ran.status, 3);
+    EXPECT_EQ(ran.output, "keyfold: " + pipe + " cannot be read: it is no regular file\n");
+}
+
+TEST_F(Batch, ReadsNoMoreThanTheFirstLineOfStandardInput)
+{
+    const Ran ran = run({"sh", "-c",
+        "(printf '%s\\n' \"$1\"; exec sleep 12) 2>/dev/null | timeout 10 \"$2\" --batch --login ada --pkcs12 \"$3\" "
+        "--passphrase-file - & wait $!",
+        "sh", bundle_.passphrase, KEYFOLD_PROGRAM, bundle_.file});
+    EXPECT_EQ(keys(), 1) << ran.output;
+}
+
+TEST_F(Batch, TakesAPassphraseAfterAByteOrderMark)
+{
+    writeFile(passphraseFile(), std::string_view("\xEF\xBB\xBF" + bundle_.passphrase + "\n"));
+    EXPECT_EQ(batch().status, 0);
+}
+
+TEST_F(Batch, RefusesAPassphraseWithAZeroByte)
+{
+    writeFile(passphraseFile(), std::string_view("a\0b\n", 4));
+    const Ran ran = batch();
+    EXPECT_EQ(ran.status, 3);
+    EXPECT_THAT(ran.output, HasSubstr("holds a zero byte"));
+}
+
+TEST_F(Batch, FinishesTheWorkThoughNobodyReads)
+{
+    const Ran ran =
+        run({"sh", "-c", "\"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" | true; sleep 2; true",
+            "sh", KEYFOLD_PROGRAM, bundle_.file, passphraseFile()});
+    EXPECT_EQ(keys(), 1) << ran.output;
 }
 
 TEST_F(Batch, TellsAPassphraseThatCannotBeRead)

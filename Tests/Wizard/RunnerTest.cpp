@@ -71,8 +71,7 @@ TEST(BackgroundRunner, AnExceptionEndsTheJobAndIsLogged)
     EXPECT_TRUE(runner.run(job([] { throw std::runtime_error("no luck"); })));
     EXPECT_TRUE(runner.run(job([] { throw 7; })));
     EXPECT_EQ(log.lines(),
-        (std::vector<std::string>{
-            "The job aJob ended with an exception: no luck", "The job aJob ended with an exception"}));
+        (std::vector<std::string>{"aJob ended with an exception: no luck", "aJob ended with an exception: unknown"}));
 }
 
 TEST(BackgroundRunner, APassedTimeLimitIsLoggedAndTheJobWaitedFor)

@@ -89,8 +89,10 @@ OSStatus SecKeychainItemImport(const Ref<NSData>& importedData, const Ref<NSStri
 {
     if (items)
         items->reset();
-    if (!keyParameters || keyParameters->version != SEC_KEY_IMPORT_EXPORT_PARAMS_VERSION || !importKeychain)
+    if (!keyParameters || keyParameters->version != SEC_KEY_IMPORT_EXPORT_PARAMS_VERSION)
         return errSecParam;
+    if (!importKeychain)
+        return errSecNoDefaultKeychain;
     if (inputFormat && *inputFormat != kSecFormatUnknown && *inputFormat != kSecFormatPKCS12)
         return errSecUnknownFormat;
     auto bundle = readImportedData(importedData, *keyParameters);
