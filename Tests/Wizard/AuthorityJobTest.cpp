@@ -2,7 +2,32 @@
 
 #include "Keychain/KFUtilities.h"
 #include "Security/Trust/DistributionStore.h"
+#include "Tests/Support/ScratchHome.h"
 #include "Tests/Wizard/PaneFixture.h"
+
+#include <atomic>
+#include <dlfcn.h>
+#include <sys/wait.h>
+
+namespace {
+
+std::atomic<bool> evaluationFails = false;
+
+} // namespace
+
+// In front of the platform's: no certificate that has a name makes it fail.
+OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result)
+{
+    if (evaluationFails)
+        return errSecInternalComponent;
+    Dl_info own{};
+    void* const platforms = dladdr(reinterpret_cast<void*>(&SecTrustEvaluate), &own) != 0 && own.dli_sname
+        ? dlsym(RTLD_NEXT, own.dli_sname)
+        : nullptr;
+    if (!platforms)
+        throw std::logic_error("the platform's SecTrustEvaluate was not found");
+    return reinterpret_cast<decltype(&SecTrustEvaluate)>(platforms)(trust, result);
+}
 
 namespace {
 
@@ -86,6 +111,29 @@ TEST_F(AuthorityJob, CountsTheSameAuthorityInTwoKeychainsTwice)
     EXPECT_THAT(log_.lines(), ElementsAre("Found 2 certificates", text(errSecSuccess)));
 }
 
+TEST_F(AuthorityJob, AnEvaluationThatFailsCountsAsNotTrusted)
+{
+    ASSERT_EQ(SecCertificateAddToKeychain(authority_, defaultKeychain()), errSecSuccess);
+    evaluationFails = true;
+    runAuthorityJob();
+    evaluationFails = false;
+    expect(1, "Certificate authority is valid", false);
+    EXPECT_THAT(log_.lines(), ElementsAre("Found 1 certificates", text(errSecSuccess)));
+    EXPECT_EQ(userTrust(authority_), errSecSuccess);
+}
+
+TEST_F(AuthorityJob, WritesTrustForTheFirstOfTheFound)
+{
+    const SecCertificateRef other = certificate(institution().root());
+    ASSERT_EQ(SecCertificateAddToKeychain(other, defaultKeychain()), errSecSuccess);
+    memory_->create("/Library/Keychains/System.keychain");
+    addToSystemKeychain(authority_);
+    runAuthorityJob();
+    EXPECT_THAT(log_.lines(), ElementsAre("Found 2 certificates", text(errSecSuccess)));
+    EXPECT_EQ(userTrust(other), errSecSuccess);
+    EXPECT_EQ(userTrust(authority_), errSecItemNotFound);
+}
+
 TEST_F(AuthorityJob, FallsBackToTheDefaultKeychainWithoutRights)
 {
     authorization_.refuse(errAuthorizationCanceled);
@@ -160,6 +208,55 @@ TEST_F(AuthorityJob, AToolThatCannotBeStartedEndsTheJob)
             {{"The tool failed to execute (-60031)"_ns, NSLocalizedDescriptionKey}}));
     EXPECT_THAT(log_.lines(), ElementsAre("Root install error: " + toUTF8(error->description())));
     EXPECT_EQ(certificates(), 0U);
+}
+
+TEST_F(AuthorityJob, TheFailureIsShownBeforeItIsLogged)
+{
+    authorization_.failToLaunch(errAuthorizationToolExecuteFailure);
+    NSInteger state = 7;
+    std::vector<Shown> shownBefore;
+    const NSLogObserver observer([&](const std::string& line) {
+        if (!line.starts_with("Root install error: "))
+            return;
+        state = pane_->authorityStatus()->state();
+        shownBefore = shown_;
+    });
+    runAuthorityJob();
+    EXPECT_EQ(state, 0);
+    EXPECT_THAT(shownBefore,
+        ElementsAre(Shown{"caMessages",
+            "Failed to install the certificate authority:\nThe tool failed to execute (-60031)", true, 0, 0}));
+}
+
+/// Runs a shell script in the place of every tool.
+class ScriptBackend final : public kf::authorization::Backend {
+public:
+    ScriptBackend(std::string script, std::string argument) : script_(std::move(script)), argument_(std::move(argument))
+    {
+    }
+    kf::Status obtainRight(const std::string&, AuthorizationFlags) override { return {}; }
+    kf::Status execute(const ToolCommand&, std::FILE** pipe) override
+    {
+        return direct_.execute({"/bin/sh", {"-c", script_, argument_}}, pipe);
+    }
+    bool isAdministrator() const noexcept override { return false; }
+
+private:
+    kf::authorization::DirectBackend direct_;
+    std::string script_;
+    std::string argument_;
+};
+
+TEST_F(AuthorityJob, WaitsForTheToolToEnd)
+{
+    const ScratchHome home;
+    const auto ended = home.path() / "ended";
+    const auto before =
+        kf::authorization::setBackend(std::make_shared<ScriptBackend>("sleep 0.5; : >\"$0\"", ended.string()));
+    runAuthorityJob();
+    kf::authorization::setBackend(before);
+    EXPECT_TRUE(std::filesystem::exists(ended));
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1); // nobody is left to wait for
 }
 
 TEST_F(AuthorityJob, AToolThatFailsIsTakenAsDone)

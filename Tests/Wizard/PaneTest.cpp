@@ -27,7 +27,12 @@ public:
     {
         messageField_.setObjectName(QStringLiteral("messageField"));
     }
-    void setNextEnabled(bool enabled) override { events.push_back(enabled ? "next on" : "next off"); }
+    void setNextEnabled(bool enabled) override
+    {
+        events.push_back(enabled ? "next on" : "next off");
+        if (enabled && whenNextIsOn)
+            whenNextIsOn();
+    }
     void setPreviousEnabled(bool enabled) override { events.push_back(enabled ? "previous on" : "previous off"); }
     QLabel* messageField() override { return &messageField_; }
     QProgressBar* progressIndicator() override { return &progress_; }
@@ -48,6 +53,7 @@ public:
     std::vector<std::string> events;
     std::vector<std::pair<NSInteger, NSInteger>> states;
     std::function<void(const std::string& name)> afterJob;
+    std::function<void()> whenNextIsOn;
 
 private:
     KFInstallerPane* pane_;
@@ -102,12 +108,23 @@ TEST_F(Pane, EntersInItsOrder)
 
 TEST_F(Pane, AFailedPersonalCertificateMakesTheSectionFinalBeforeTheSummary)
 {
+    QObject::connect(pane_, &KFWizardPane::messageShown, [this](QLabel* field) {
+        if (field == host_.messageField())
+            host_.events.push_back("summary");
+    });
     enterRecorded(1, 0);
     EXPECT_THAT(host_.events,
         ElementsAre("next off", "previous off", "commit", "job installCertificateAuthority",
-            "job installPersonalCertificate", "next on", "final"));
+            "job installPersonalCertificate", "next on", "final", "summary"));
     EXPECT_EQ(
         shown_.back(), (Shown{"messageField", "There was an error while installing your certificates", false, 1, 0}));
+}
+
+TEST_F(Pane, TheGeneralMessageFieldIsActiveWhenNextTurnsOn)
+{
+    host_.whenNextIsOn = [this] { pane_->showMessage("said by the wizard"_ns); };
+    enterRecorded(1, 1);
+    EXPECT_THAT(shown_, testing::Contains(Shown{"messageField", "said by the wizard", false, 1, 1}));
 }
 
 TEST_F(Pane, OnlyTheStateOneIsSuccess)
@@ -201,6 +218,26 @@ TEST_F(Pane, TheHelpPanelStandsBesideTheWindow)
     EXPECT_EQ(pane_->helpWindow()->size(), QSize(420, 480));
     EXPECT_EQ(pane_->helpWindow()->windowType(), Qt::Tool);
     EXPECT_EQ(pane_->helpWindow()->parentWidget(), &window_);
+}
+
+class RaiseWatch final : public QObject {
+public:
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        raised = raised || event->type() == QEvent::ZOrderChange;
+        return false;
+    }
+    bool raised = false;
+};
+
+TEST_F(Pane, TheHelpPanelComesToTheFront)
+{
+    window_.show();
+    window_.goToPane(pane_);
+    RaiseWatch watch;
+    pane_->helpWindow()->installEventFilter(&watch);
+    pane_->showHelp(nullptr);
+    EXPECT_TRUE(watch.raised);
 }
 
 TEST_F(Pane, AHelpPanelThatIsVisibleIsNotMoved)

@@ -92,6 +92,27 @@ TEST_F(PersonalJob, ImportsTheBundleAndLeavesTheIdentity)
     EXPECT_EQ(identity->certificate()->digest(), certificate(fresh().leaf)->digest());
 }
 
+TEST_F(PersonalJob, BundleAndPassphraseAreGoneBeforeTheSuccessIsTold)
+{
+    std::vector<std::string> told;
+    const auto tell = [&](const std::string& what) {
+        if (field("pkcs12") || field("downloadpassword"))
+            told.push_back("too early: " + what);
+        else
+            told.push_back(what);
+    };
+    QObject::connect(pane_, &KFWizardPane::messageShown, [&](QLabel*, const QString& message, bool) {
+        if (message.startsWith(QStringLiteral("Personal certificate")))
+            tell("message");
+    });
+    const NSLogObserver observer([&](const std::string& line) {
+        if (line.starts_with("Imported "))
+            tell("log");
+    });
+    runPersonalJob();
+    EXPECT_THAT(told, ElementsAre("log", "message"));
+}
+
 TEST_F(PersonalJob, CountsTheChainToo)
 {
     const Bundle bundle = institution().issue({.commonName = "Ada Chained", .withChain = true});
@@ -221,6 +242,38 @@ TEST_F(PersonalJob, AKeyThatCannotBeDeletedKeepsItsCertificateInTheFirstPass)
     EXPECT_THAT(log_.lines(),
         ElementsAre(found(1), "\tError deleting key for '" + address + ": " + text(errSecWrPerm), "Imported 1 items"));
     EXPECT_EQ(keys(), 2U);
+}
+
+TEST_F(PersonalJob, AKeyThatCannotBeDeletedDoesNotKeepTheNextIdentity)
+{
+    install(oldOwn());
+    install(institution().issue({.commonName = "Ada Older"}));
+    presenter_.answer = kf::alertAlternateReturn;
+    faults_->arm(Operation::removePrivateKey, 1, errSecWrPerm);
+    runPersonalJob();
+    EXPECT_TRUE(faults_->fired());
+    expectSuccess();
+    EXPECT_THAT(log_.lines(),
+        ElementsAre(found(2), "\tError deleting key for '" + address + ": " + text(errSecWrPerm), "Imported 1 items"));
+    EXPECT_EQ(faults_->calls(Operation::removePrivateKey), 2);
+    EXPECT_EQ(keys(), 2U); // the one that could not be deleted and the new one
+    EXPECT_EQ(certificates(), 1U);
+}
+
+TEST_F(PersonalJob, ACertificateThatCannotBeDeletedDoesNotKeepTheNext)
+{
+    install(oldForeign());
+    install(stranger().issue({.commonName = "Ada Elsewhere"}));
+    presenter_.answer = kf::alertAlternateReturn;
+    faults_->arm(Operation::removeCertificate, 1, errSecWrPerm);
+    runPersonalJob();
+    EXPECT_TRUE(faults_->fired());
+    expectSuccess();
+    EXPECT_THAT(log_.lines(),
+        ElementsAre(
+            found(2), "\tError deleting certificate for '" + address + "': " + text(errSecWrPerm), "Imported 1 items"));
+    EXPECT_EQ(faults_->calls(Operation::removeCertificate), 2);
+    EXPECT_EQ(certificates(), 2U); // the one that could not be deleted and the new one
 }
 
 TEST_F(PersonalJob, ACertificateThatCannotBeDeletedIsLoggedInEachPass)
@@ -391,6 +444,13 @@ TEST_F(PersonalJob, TheAlertsHelpOpensTheArticle)
     presenter_.questions[0].help();
     EXPECT_EQ(receiver.opened, QStringList{QStringLiteral(KEYFOLD_HELP_URL)});
     EXPECT_TRUE(pane_->alertShowHelp(nullptr));
+}
+
+// No browser can be started from the offscreen platform.
+TEST_F(PersonalJob, TheAlertsHelpSaysWhereNothingOpensTheArticle)
+{
+    ASSERT_EQ(QGuiApplication::platformName(), QStringLiteral("offscreen"));
+    EXPECT_FALSE(pane_->alertShowHelp(nullptr));
 }
 
 } // namespace
