@@ -113,6 +113,26 @@ TEST_F(Walk, FromSignInToTheEndTheCertificateIsInTheKeychain)
     EXPECT_NE(listed.find("Orvane Certification Authority"), std::string::npos) << listed;
 }
 
+TEST_F(Walk, TheStoredKeyCanBeExportedAgain)
+{
+    open();
+    signIn("ada", bundle().file.string(), bundle().passphrase);
+    press("nextButton");
+    ASSERT_EQ(state("personalStatus"), 1);
+    kf::keychain::closeAll();
+
+    const auto out = home_.path() / "out.p12";
+    const auto password = home_.path() / "password";
+    const auto pem = home_.path() / "out.pem";
+    const auto key = home_.path() / "out.p8";
+    writeFile(password, "export\n");
+    mustRun({"timeout", "20", "pk12util", "-o", out, "-n", "Ada Example", "-d", keychain(), "-w", password, "-K", ""});
+    mustRun({"openssl", "pkcs12", "-legacy", "-in", out, "-nocerts", "-noenc", "-passin", "file:" + password.string(),
+        "-out", pem});
+    mustRun({"openssl", "pkcs8", "-topk8", "-nocrypt", "-in", pem, "-outform", "DER", "-out", key});
+    EXPECT_EQ(readFile(key), bundle().privateKey);
+}
+
 TEST_F(Walk, ABase64FileIsTakenAsItIs)
 {
     const auto text = home_.path() / "bundle.txt";
