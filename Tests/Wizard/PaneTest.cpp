@@ -220,26 +220,6 @@ TEST_F(Pane, TheHelpPanelStandsBesideTheWindow)
     EXPECT_EQ(pane_->helpWindow()->parentWidget(), &window_);
 }
 
-class RaiseWatch final : public QObject {
-public:
-    bool eventFilter(QObject*, QEvent* event) override
-    {
-        raised = raised || event->type() == QEvent::ZOrderChange;
-        return false;
-    }
-    bool raised = false;
-};
-
-TEST_F(Pane, TheHelpPanelComesToTheFront)
-{
-    window_.show();
-    window_.goToPane(pane_);
-    RaiseWatch watch;
-    pane_->helpWindow()->installEventFilter(&watch);
-    pane_->showHelp(nullptr);
-    EXPECT_TRUE(watch.raised);
-}
-
 TEST_F(Pane, AHelpPanelThatIsVisibleIsNotMoved)
 {
     window_.show();
