@@ -417,6 +417,19 @@ TEST_F(PersonalJob, AnExceptionIsAFailureThatClearsTheFields)
     expectSuccess();
 }
 
+TEST_F(PersonalJob, WhateverIsThrownWhereverItLogsTheFieldsAreClearedAndTheSphereIsRed)
+{
+    {
+        const NSLogObserver breaking([](const std::string&) { throw 7; });
+        runPersonalJob();
+    }
+    EXPECT_EQ(pane_->personalStatus()->state(), 0);
+    EXPECT_EQ(field("pkcs12"), nullptr);
+    EXPECT_EQ(field("downloadpassword"), nullptr);
+    EXPECT_EQ(field("UserSecIdentityRef"), nullptr);
+    EXPECT_EQ(certificates(), 0U);
+}
+
 TEST_F(PersonalJob, ImportsAfterAFailedDeletionAllTheSame)
 {
     install(oldOwn());
