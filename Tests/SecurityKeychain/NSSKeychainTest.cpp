@@ -9,6 +9,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -97,6 +98,17 @@ TEST_F(NSSKeychain, TheFirstItemMakesThePrivateDatabase)
         if (entry.is_regular_file())
             names.push_back(entry.path().filename());
     EXPECT_THAT(names, testing::UnorderedElementsAre("cert9.db", "key4.db"));
+}
+
+TEST_F(NSSKeychain, AFolderThatSomebodyKeepsLockedIsNotWaitedForForEver)
+{
+    fs::create_directories(database().parent_path());
+    const int folder = ::open(database().parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(folder, LOCK_EX), 0);
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecKeychainBusy);
+    EXPECT_FALSE(fs::exists(database()));
+    ::close(folder);
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
 }
 
 TEST_F(NSSKeychain, ADirectoryThatHoldsOtherThingsKeepsThem)

@@ -169,6 +169,24 @@ TEST_F(DebianTrustStoreTest, RemovingWhatIsNotThereIsNoFailure)
     EXPECT_EQ(runs(), 0U);
 }
 
+TEST_F(DebianTrustStoreTest, RemovingFinishesWhatEndedEarly)
+{
+    const Authority other("Somebody", "Other Authority");
+    fs::create_directory(places_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(places_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded);
+    // As after a kill between the deletion and the update.
+    for (const auto& anchor : fs::directory_iterator(places_.anchors)) {
+        if (anchor.path().filename() != "other.crt")
+            fs::remove(anchor.path());
+    }
+    const Outcome removed = store().remove(authority().root());
+    EXPECT_TRUE(removed.succeeded) << removed.text;
+    EXPECT_THAT(removed.text, HasSubstr("removed"));
+    EXPECT_FALSE(isTrusted(authority().rootFile()));
+    EXPECT_EQ(store().remove(authority().root()).text, "was not there");
+}
+
 TEST_F(DebianTrustStoreTest, RemovingTellsOfAnotherSource)
 {
     ASSERT_TRUE(store().add(authority().root()).succeeded);

@@ -1,16 +1,20 @@
 #include "Security/Keychain/DatabaseFiles.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace kf::keychain {
 
 namespace {
+
+constexpr auto makersPatience = std::chrono::seconds(5);
 
 constexpr std::array<const char*, 2> fileNames = {"cert9.db", "key4.db"};
 constexpr const char* newDirectoryMark = ".keyfold-new-";
@@ -221,9 +225,16 @@ Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path,
     if (lock < 0)
         return writingFailure(errno);
     std::unique_ptr<NewDatabase> fresh(new NewDatabase(path, readableByAll, lock));
-    // One maker at a time; what an earlier one that died left behind goes.
-    if (::flock(lock, LOCK_EX) != 0)
-        return Failure{errSecIO};
+    // One maker at a time; what an earlier one that died left behind goes. Whoever may read the folder can hold its
+    // lock, so nobody waits for ever.
+    const auto deadline = std::chrono::steady_clock::now() + makersPatience;
+    while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            return Failure{errSecIO};
+        if (std::chrono::steady_clock::now() >= deadline)
+            return Failure{errSecKeychainBusy};
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
     const std::string prefix = "." + target.filename().string() + newDirectoryMark;
     removeLeftovers(parent, prefix);
     std::string pattern = (parent / (prefix + "XXXXXX")).string();
