@@ -134,12 +134,17 @@ TEST_F(CertificateFileTest, TellsWhenAnAuthorityExpired)
             + "\nrand_serial=yes\nnew_certs_dir=" + authority().directory().string()
             + "\ndefault_md=sha256\npolicy=any\n[any]\ncommonName=optional\n");
     writeFile(path("old.index"), std::string_view());
-    mustRun({"openssl", "ca", "-batch", "-notext", "-selfsign", "-config", path("old.cnf"), "-name", "ca", "-keyfile",
-        path("root.key"), "-in", path("old.csr"), "-extfile", path("self.ext"), "-startdate", "20100101000000Z",
-        "-enddate", "20200229120000Z", "-out", path("old.pem")});
-    const auto old = readCertificateFile(path("old.pem"));
-    ASSERT_TRUE(old.der);
-    EXPECT_EQ(whyNotAdmissible(*old.der), "expired on 2020-02-29");
+    const auto whyNot = [this](const std::string& start, const std::string& end) {
+        mustRun({"openssl", "ca", "-batch", "-notext", "-selfsign", "-config", path("old.cnf"), "-name", "ca",
+            "-keyfile", path("root.key"), "-in", path("old.csr"), "-extfile", path("self.ext"), "-startdate", start,
+            "-enddate", end, "-out", path("old.pem")});
+        const auto file = readCertificateFile(path("old.pem"));
+        EXPECT_TRUE(file.der);
+        return file.der ? whyNotAdmissible(*file.der) : std::string();
+    };
+    EXPECT_EQ(whyNot("20100101000000Z", "20200229120000Z"), "expired on 2020-02-29");
+    writeFile(path("old.index"), std::string_view());
+    EXPECT_EQ(whyNot("20860101000000Z", "20960101000000Z"), "is not valid before 2086-01-01");
 }
 
 } // namespace

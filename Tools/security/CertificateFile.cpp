@@ -142,8 +142,11 @@ std::string whyNotAdmissible(const Bytes& der)
     constexpr int authorityByConstraints = 1;
     if (X509_check_ca(certificate.get()) != authorityByConstraints)
         return "is not the certificate of an authority";
-    if (fields->notAfter < static_cast<std::int64_t>(std::time(nullptr)))
+    const auto now = static_cast<std::int64_t>(std::time(nullptr));
+    if (fields->notAfter < now)
         return "expired on " + dateText(fields->notAfter);
+    if (fields->notBefore > now)
+        return "is not valid before " + dateText(fields->notBefore);
     if (std::string weakness = whyKeyIsWeak(certificate.get()); !weakness.empty())
         return weakness;
     if (X509_self_signed(certificate.get(), 1) != 1)

@@ -20,7 +20,7 @@ struct CertificateFile {
 CertificateFile readCertificateFile(const std::string& path);
 
 /// Why a certificate must not become a trusted authority; empty where it may:
-/// it signed itself, is an authority, has not expired and has a key of at least
+/// it signed itself, is an authority, is valid now and has a key of at least
 /// 112 bits of strength (RSA 2048).
 std::string whyNotAdmissible(const Bytes& der);
 
