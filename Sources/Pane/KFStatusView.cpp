@@ -44,10 +44,10 @@ void KFStatusView::initialize()
 void KFStatusView::setState(NSInteger state)
 {
     state_ = state;
-    observeValueForKeyPath(stateKey(), this);
+    observeValueForKeyPath(stateKey(), this, nullptr, nullptr);
 }
 
-void KFStatusView::observeValueForKeyPath(const Ref<NSString>& keyPath, QObject*)
+void KFStatusView::observeValueForKeyPath(const Ref<NSString>& keyPath, QObject*, const Ref<NSDictionary>&, void*)
 {
     if (!CFEqual(keyPath, stateKey()))
         return;

@@ -1,7 +1,7 @@
 // A sphere that shows how a job went.
 #pragma once
 
-#include "Foundation/NSString.h"
+#include "Foundation/NSDictionary.h"
 
 #include <QIcon>
 #include <QLabel>
@@ -21,8 +21,9 @@ public:
     /// Stores the state and tells the observer, whether it changed or not.
     void setState(NSInteger state);
 
-    /// Shows the image of the current state where `keyPath` is "state"; `object` is not looked at.
-    void observeValueForKeyPath(const Ref<NSString>& keyPath, QObject* object);
+    /// Shows the image of the current state where `keyPath` is "state"; the others are not looked at.
+    void observeValueForKeyPath(
+        const Ref<NSString>& keyPath, QObject* object, const Ref<NSDictionary>& change, void* context);
 
 private:
     void initialize();

@@ -1,7 +1,7 @@
 #include "Tests/Keychain/PlatformCalls.h"
 
-#include <dlfcn.h>
-#include <stdexcept>
+#include "Tests/Support/LibraryFunction.h"
+
 #include <sys/wait.h>
 
 namespace kf::test {
@@ -11,23 +11,6 @@ PlatformCalls& platformCalls()
     static PlatformCalls calls;
     return calls;
 }
-
-namespace {
-
-/// The library's function of the same name as this program's.
-template <class Function>
-Function* libraryFunction(Function* own)
-{
-    Dl_info information{};
-    void* const found = dladdr(reinterpret_cast<void*>(own), &information) != 0 && information.dli_sname
-        ? dlsym(RTLD_NEXT, information.dli_sname)
-        : nullptr;
-    if (!found)
-        throw std::logic_error("a platform call was not found behind the test program's own");
-    return reinterpret_cast<Function*>(found);
-}
-
-} // namespace
 
 } // namespace kf::test
 

@@ -3,31 +3,10 @@
 #include "Keychain/KFUtilities.h"
 #include "Security/Trust/DistributionStore.h"
 #include "Tests/Support/ScratchHome.h"
+#include "Tests/Wizard/JobCalls.h"
 #include "Tests/Wizard/PaneFixture.h"
 
-#include <atomic>
-#include <dlfcn.h>
 #include <sys/wait.h>
-
-namespace {
-
-std::atomic<bool> evaluationFails = false;
-
-} // namespace
-
-// In front of the platform's: no certificate that has a name makes it fail.
-OSStatus SecTrustEvaluate(const SecTrustRef& trust, SecTrustResultType* result)
-{
-    if (evaluationFails)
-        return errSecInternalComponent;
-    Dl_info own{};
-    void* const platforms = dladdr(reinterpret_cast<void*>(&SecTrustEvaluate), &own) != 0 && own.dli_sname
-        ? dlsym(RTLD_NEXT, own.dli_sname)
-        : nullptr;
-    if (!platforms)
-        throw std::logic_error("the platform's SecTrustEvaluate was not found");
-    return reinterpret_cast<decltype(&SecTrustEvaluate)>(platforms)(trust, result);
-}
 
 namespace {
 
@@ -51,6 +30,7 @@ protected:
 
     SecCertificateRef authority_ = certificate(shippedAuthority());
     LogLines log_;
+    ScopedJobCalls calls_;
 };
 
 /// The distribution trusts exactly one authority.
@@ -114,12 +94,33 @@ TEST_F(AuthorityJob, CountsTheSameAuthorityInTwoKeychainsTwice)
 TEST_F(AuthorityJob, AnEvaluationThatFailsCountsAsNotTrusted)
 {
     ASSERT_EQ(SecCertificateAddToKeychain(authority_, defaultKeychain()), errSecSuccess);
-    evaluationFails = true;
+    calls_.evaluateTrust = [](SecTrustResultType*) { return errSecInternalComponent; };
     runAuthorityJob();
-    evaluationFails = false;
     expect(1, "Certificate authority is valid", false);
     EXPECT_THAT(log_.lines(), ElementsAre("Found 1 certificates", text(errSecSuccess)));
     EXPECT_EQ(userTrust(authority_), errSecSuccess);
+}
+
+TEST_F(AuthorityJob, EvaluatesAllThatWereFoundBySomePolicy)
+{
+    ASSERT_EQ(SecCertificateAddToKeychain(authority_, defaultKeychain()), errSecSuccess);
+    memory_->create("/Library/Keychains/System.keychain");
+    addToSystemKeychain(certificate(institution().root()));
+    std::vector<NSUInteger> counts;
+    calls_.createTrust = [&](const Ref<NSObject>& certificates, const Ref<NSObject>& policies) {
+        counts.push_back(countOf(refCast<NSArray>(certificates)));
+        EXPECT_NE(refCast<SecPolicy>(policies), nullptr);
+        return std::nullopt;
+    };
+    SecTrustResultType preset = kSecTrustResultInvalid;
+    calls_.evaluateTrust = [&](SecTrustResultType* result) {
+        preset = *result;
+        return std::nullopt;
+    };
+    runAuthorityJob();
+    EXPECT_THAT(counts, ElementsAre(2U));
+    EXPECT_EQ(preset, kSecTrustResultDeny);
+    expect(1, "Certificate authority is valid", false);
 }
 
 TEST_F(AuthorityJob, WritesTrustForTheFirstOfTheFound)

@@ -119,14 +119,17 @@ TEST_F(Batch, DeletesOldCertificatesOnlyWhenTold)
         std::vector<std::string> arguments = {
             "--batch", "--login", "ada", "--pkcs12", bundle.file, "--passphrase-file", passphraseFile()};
         arguments.insert(arguments.end(), more.begin(), more.end());
-        EXPECT_EQ(keyfold(arguments).status, 0);
+        const Ran ran = keyfold(arguments);
+        EXPECT_EQ(ran.status, 0);
+        return ran.output;
     };
     EXPECT_EQ(batch().status, 0);
-    again({});
+    const std::string question = "Existing certificates found: You appear to have one or more old certificates";
+    EXPECT_THAT(again({}), AllOf(HasSubstr(question), HasSubstr("\nAnswer: No\n")));
     EXPECT_EQ(keys(), 2);
-    again({"--delete-old", "no"});
+    EXPECT_THAT(again({"--delete-old", "no"}), HasSubstr("\nAnswer: No\n"));
     EXPECT_EQ(keys(), 3);
-    again({"--delete-old", "yes"});
+    EXPECT_THAT(again({"--delete-old", "yes"}), AllOf(HasSubstr(question), HasSubstr("\nAnswer: Yes\n")));
     EXPECT_EQ(keys(), 1);
 }
 
@@ -228,6 +231,32 @@ TEST_F(Batch, FinishesTheWorkThoughNobodyReads)
         run({"sh", "-c", "\"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" | true; sleep 2; true",
             "sh", KEYFOLD_PROGRAM, bundle_.file, passphraseFile()});
     EXPECT_EQ(keys(), 1) << ran.output;
+}
+
+TEST_F(Batch, TellsThatItsOutputCouldNotBeWritten)
+{
+    const Ran ran =
+        run({"sh", "-c", "exec \"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" >/dev/full", "sh",
+            KEYFOLD_PROGRAM, bundle_.file, passphraseFile()});
+    EXPECT_EQ(ran.status, 6);
+    EXPECT_EQ(ran.output, "keyfold: the output cannot be written\n");
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, InstallsThoughTheSpheresPicturesAreMissing)
+{
+    const auto copy = home_.path() / "KFInstaller.bundle";
+    std::filesystem::copy(KEYFOLD_BUNDLE, copy, std::filesystem::copy_options::recursive);
+    int removed = 0;
+    for (const auto& file : std::filesystem::directory_iterator(copy / "Contents/Resources")) {
+        if (file.path().filename().string().starts_with("sphere_"))
+            removed += std::filesystem::remove(file.path());
+    }
+    EXPECT_GE(removed, 3);
+    const Ran ran = batch({"--bundle", copy.string()});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_THAT(ran.output, HasSubstr("Personal certificate: succeeded\n"));
+    EXPECT_EQ(keys(), 1);
 }
 
 TEST_F(Batch, TellsAPassphraseThatCannotBeRead)

@@ -233,6 +233,33 @@ TEST_F(Pane, AHelpPanelThatIsVisibleIsNotMoved)
     EXPECT_NE(pane_->helpWindow()->pos(), QPoint(3, 4));
 }
 
+TEST_F(Pane, TheHelpPanelComesToTheFrontWhenItIsShown)
+{
+    class Raised final : public QObject {
+    public:
+        bool eventFilter(QObject*, QEvent* event) override
+        {
+            count += event->type() == QEvent::ZOrderChange;
+            return false;
+        }
+        int count = 0;
+    } raised;
+    window_.show();
+    window_.goToPane(pane_);
+    QWidget* const panel = pane_->helpWindow();
+    pane_->showHelp(nullptr); // now it has its parent
+    panel->hide();
+    panel->installEventFilter(&raised);
+    panel->show();
+    const int byShowing = std::exchange(raised.count, 0);
+    panel->hide();
+    pane_->showHelp(nullptr);
+    EXPECT_EQ(raised.count, byShowing + 1);
+    pane_->showHelp(nullptr);
+    EXPECT_EQ(raised.count, byShowing + 1); // visible: left where the person put it
+    panel->removeEventFilter(&raised);
+}
+
 TEST_F(Pane, TheHelpDocumentIsReadWithItsLinks)
 {
     const QString text = pane_->helpText()->toPlainText();

@@ -1,5 +1,6 @@
 // What the second job shows, logs and leaves behind, row by row.
 
+#include "Tests/Wizard/JobCalls.h"
 #include "Tests/Wizard/PaneFixture.h"
 
 #include <QDesktopServices>
@@ -72,6 +73,7 @@ protected:
     }
 
     LogLines log_;
+    ScopedJobCalls calls_;
 };
 
 std::string found(int count) { return "Found " + std::to_string(count) + " identities for address '" + address + "'"; }
@@ -397,6 +399,69 @@ TEST_F(PersonalJob, AKeychainThatRefusesLeavesNothingBehind)
     EXPECT_TRUE(faults_->fired());
     expectFailure(errSecWrPerm);
     faults_->disarm();
+    EXPECT_EQ(keys(), 0U);
+    EXPECT_EQ(certificates(), 0U);
+}
+
+TEST_F(PersonalJob, AsksForKeysThatMayBeExportedAgainAndOnlyWrapped)
+{
+    calls_.import = [&](const SecKeyImportExportParameters& parameters, Ref<NSArray>*) {
+        EXPECT_EQ(parameters.version, 0U);
+        EXPECT_EQ(parameters.flags, 0U);
+        EXPECT_EQ(toUTF8(parameters.passphrase), fresh().passphrase);
+        EXPECT_EQ(parameters.alertTitle, nullptr);
+        EXPECT_EQ(parameters.alertPrompt, nullptr);
+        EXPECT_EQ(parameters.accessRef, nullptr);
+        EXPECT_EQ(parameters.keyUsage, 0x80000000U);
+        EXPECT_EQ(parameters.keyAttributes, 0x28U);
+        return errSecWrPerm;
+    };
+    runPersonalJob();
+    expectFailure(errSecWrPerm); // the call was seen
+}
+
+TEST_F(PersonalJob, SuccessWithoutItemsIsAFailure)
+{
+    calls_.import = [](const SecKeyImportExportParameters&, Ref<NSArray>* items) {
+        *items = nullptr;
+        return errSecSuccess;
+    };
+    runPersonalJob();
+    expectFailure(errSecSuccess);
+}
+
+TEST_F(PersonalJob, ZeroItemsAreASuccessThatHandsNothingOn)
+{
+    calls_.import = [](const SecKeyImportExportParameters&, Ref<NSArray>* items) {
+        *items = NSArray::array();
+        return errSecSuccess;
+    };
+    runPersonalJob();
+    EXPECT_EQ(pane_->personalStatus()->state(), 1);
+    EXPECT_EQ(log_.lines().back(), "Imported 0 items");
+    EXPECT_EQ(field("UserSecIdentityRef"), nullptr);
+}
+
+TEST_F(PersonalJob, WhatAFailedImportLeftBehindIsDeleted)
+{
+    install(oldForeign());
+    ASSERT_EQ(SecCertificateAddToKeychain(certificate(institution().root()), defaultKeychain()), errSecSuccess);
+    SecIdentitySearchRef search;
+    SecIdentityRef identity;
+    ASSERT_EQ(SecIdentitySearchCreate(defaultKeychain(), 0, &search), errSecSuccess);
+    ASSERT_EQ(SecIdentitySearchCopyNext(search, &identity), errSecSuccess);
+    calls_.import = [&](const SecKeyImportExportParameters&, Ref<NSArray>* items) {
+        SecKeychainSearchRef rest;
+        SecKeychainSearchCreateFromAttributes(defaultKeychain(), kSecCertificateItemClass, nullptr, &rest);
+        Ref<NSMutableArray> left = NSMutableArray::array();
+        left->addObject(identity);
+        for (SecKeychainItemRef item; SecKeychainSearchCopyNext(rest, &item) == errSecSuccess;)
+            left->addObject(item);
+        *items = left;
+        return errSecWrPerm;
+    };
+    runPersonalJob();
+    expectFailure(errSecWrPerm);
     EXPECT_EQ(keys(), 0U);
     EXPECT_EQ(certificates(), 0U);
 }

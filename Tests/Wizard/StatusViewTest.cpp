@@ -65,10 +65,10 @@ TEST(StatusView, ObservesItsStateAndNothingElse)
 {
     KFStatusView view;
     view.setPixmap(QPixmap());
-    view.observeValueForKeyPath("frame"_ns, &view);
-    view.observeValueForKeyPath(nullptr, nullptr);
+    view.observeValueForKeyPath("frame"_ns, &view, nullptr, nullptr);
+    view.observeValueForKeyPath(nullptr, nullptr, nullptr, nullptr);
     EXPECT_TRUE(view.pixmap().isNull());
-    view.observeValueForKeyPath("state"_ns, nullptr);
+    view.observeValueForKeyPath("state"_ns, nullptr, nullptr, nullptr);
     EXPECT_EQ(shown(view), sphere("red"));
 }
 
