@@ -5,12 +5,16 @@
 
 namespace kf {
 
-/// Says "Yes" to the question about existing certificates, for which the person
-/// has asked on the command line, and gives every other question its safe answer.
+/// Says "Yes" to the question about existing certificates where the command line
+/// does, gives every other question its safe answer, and prints both.
 class BatchPresenter final : public Presenter {
 public:
+    explicit BatchPresenter(bool deleteOld) : deleteOld_(deleteOld) { }
     NSInteger runAlert(const AlertQuestion& question) override;
     std::optional<SecretBytes> keychainPassphrase(const PassphraseQuestion& question) override;
+
+private:
+    bool deleteOld_;
 };
 
 } // namespace kf

@@ -8,6 +8,7 @@
 #include "keyfold/BatchPresenter.h"
 #include "keyfold/ExitStatus.h"
 #include "keyfold/InputFiles.h"
+#include "keyfold/Output.h"
 
 #include <QApplication>
 
@@ -29,12 +30,6 @@ public:
 private:
     Presenter* before_;
 };
-
-void print(const QString& text)
-{
-    std::printf("%s\n", text.toUtf8().constData());
-    std::fflush(stdout);
-}
 
 void printMessage(const QLabel* field, const QString& message)
 {
@@ -79,8 +74,12 @@ int runPage(const CommandLine& line, WizardWindow& window)
     printStates(*pane->contentView());
     const bool installed = static_cast<bool>(window.fields().valueForField("UserSecIdentityRef"_ns));
     if (!line.pictureFile.empty() && !window.grab().save(QString::fromStdString(line.pictureFile), "PNG")) {
-        const int status = installed ? exitNoPicture : exitNotInstalled;
+        const int status = installed ? exitIncomplete : exitNotInstalled;
         return fail(status, line.pictureFile + " cannot be written");
+    }
+    if (std::ferror(stdout)) {
+        const int status = installed ? exitIncomplete : exitNotInstalled;
+        return fail(status, "the output cannot be written");
     }
     return installed ? exitInstalled : exitNotInstalled;
 }
@@ -108,8 +107,8 @@ int runBatch(const CommandLine& line, char* program)
     char* argv[] = {program, nullptr};
     const QApplication application(argc, argv);
 
-    BatchPresenter presenter;
-    const PresenterScope scope(line.deleteOld ? &presenter : nullptr);
+    BatchPresenter presenter(line.deleteOld);
+    const PresenterScope scope(&presenter);
     WizardWindow window;
     window.fields().setValue(login, "login"_ns);
     window.fields().setValue(std::get<Ref<NSString>>(bundle), "pkcs12"_ns);

@@ -109,7 +109,8 @@ const char* usageText()
   --help, --version
 
 Exit status: 0 personal certificate installed, 1 not installed, 2 wrong usage, 3 a file cannot be
-read, 4 the page cannot be loaded, 5 no display, 6 installed but the picture cannot be written.
+read, 4 the page cannot be loaded, 5 no display, 6 installed but the output or the picture cannot
+be written.
 )";
 }
 

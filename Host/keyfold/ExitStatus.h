@@ -10,7 +10,7 @@ enum ExitStatus : int {
     exitUnreadable = 3,   ///< the bundle or the pass phrase could not be read; nothing was done
     exitNoPage = 4,       ///< the installer page could not be loaded; nothing was done
     exitNoDisplay = 5,    ///< there is no display for a window
-    exitNoPicture = 6,    ///< installed, but the picture could not be written
+    exitIncomplete = 6,   ///< installed, but the output or the picture could not be written
 };
 
 } // namespace kf
