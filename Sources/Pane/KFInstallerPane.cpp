@@ -126,7 +126,7 @@ bool KFInstallerPane::alertShowHelp(NSAlert*)
 
 Ref<SFAuthorization> KFInstallerPane::authorize(Ref<NSError>* error)
 {
-    const Ref<SFAuthorization> authorization = SFAuthorization::authorization();
+    Ref<SFAuthorization> authorization = SFAuthorization::authorization();
     Ref<NSError> failure;
     const AuthorizationFlags flags =
         kAuthorizationFlagInteractionAllowed | kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize;
