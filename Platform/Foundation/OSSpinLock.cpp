@@ -1,6 +1,7 @@
 #include "Foundation/OSSpinLock.h"
 
 #include <atomic>
+#include <cerrno>
 
 #include <linux/futex.h>
 #include <linux/membarrier.h>
@@ -28,27 +29,52 @@ constexpr int spins = 100;
 // but a barrier keeps a processor from looking first; the thread that is going
 // to sleep has one made on every core that runs this process.
 
+/// How the locks of this process are given back. It only ever moves down.
+enum Unlocking : int {
+    unsettled,  // by exchange, until somebody has found out about barriers
+    byStore,    // nobody has had to sleep yet
+    beingTold,  // by exchange, but a thread may not have seen that yet
+    byExchange, // and every thread knows
+};
+// Settled at first use, not by an initialiser: threads may be here before it would run.
+constinit std::atomic<Unlocking> unlocking{unsettled};
+
+/// Callers of a lock do not expect it to touch errno.
+class KeptErrno {
+public:
+    KeptErrno() noexcept : kept_(errno) { }
+    ~KeptErrno() { errno = kept_; }
+    KeptErrno(const KeptErrno&) = delete;
+    KeptErrno& operator=(const KeptErrno&) = delete;
+
+private:
+    int kept_;
+};
+
 bool membarrier(int command) noexcept { return syscall(SYS_membarrier, command, 0, 0) == 0; }
 
 bool registerBarriers() noexcept { return membarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED); }
 
-const bool barriersWork = registerBarriers();
-/// Unlocking may use an ordinary store. Never again once a thread has had to sleep.
-std::atomic<bool> storesSuffice{barriersWork};
-/// Every thread is known to have seen that stores do not suffice.
-std::atomic<bool> everybodyKnows{!barriersWork};
+[[gnu::cold, gnu::noinline]] void settle() noexcept
+{
+    const KeptErrno keptErrno;
+    Unlocking expected = unsettled;
+    unlocking.compare_exchange_strong(expected, registerBarriers() ? byStore : byExchange);
+}
 
-/// False where the kernel does not make barriers after all.
+/// Ends unlocking by store. False where the kernel does not make barriers after all.
 bool tellEverybody() noexcept
 {
-    if (everybodyKnows.load())
+    Unlocking before = unsettled;
+    if (unlocking.compare_exchange_strong(before, byExchange) || before == byExchange)
         return true;
-    storesSuffice.store(false);
+    before = byStore;
+    unlocking.compare_exchange_strong(before, beingTold);
     // A child of fork may have to register anew.
     if (!membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED)
         && !(registerBarriers() && membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED)))
         return false;
-    everybodyKnows.store(true);
+    unlocking.store(byExchange);
     return true;
 }
 
@@ -87,6 +113,7 @@ bool take(volatile OSSpinLock* lock) noexcept
             return;
         pauseCore();
     }
+    const KeptErrno keptErrno;
     // Where a wake may be missed, look again after a millisecond.
     constexpr timespec millisecond{0, 1000000};
     const timespec* const longest = tellEverybody() ? nullptr : &millisecond;
@@ -98,7 +125,17 @@ bool take(volatile OSSpinLock* lock) noexcept
 
 [[gnu::cold, gnu::noinline]] void wakeOne(volatile OSSpinLock* lock) noexcept
 {
+    const KeptErrno keptErrno;
     syscall(SYS_futex, lock, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+/// Unlocks for a thread that has read byStore, however long ago.
+void unlockByStore(volatile OSSpinLock* lock) noexcept
+{
+    word(lock).store(unlocked, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler, too, must not look first
+    if (unlocking.load(std::memory_order_relaxed) != byStore) [[unlikely]]
+        wakeOne(lock); // the word may have said "contended"
 }
 
 } // namespace
@@ -113,13 +150,13 @@ bool OSSpinLockTry(volatile OSSpinLock* lock) { return take(lock); }
 
 void OSSpinLockUnlock(volatile OSSpinLock* lock)
 {
-    if (!storesSuffice.load(std::memory_order_relaxed)) {
+    const Unlocking way = unlocking.load(std::memory_order_relaxed);
+    if (way != byStore) {
         if (word(lock).exchange(unlocked, std::memory_order_release) == contended) [[unlikely]]
             wakeOne(lock);
+        if (way == unsettled) [[unlikely]]
+            settle();
         return;
     }
-    word(lock).store(unlocked, std::memory_order_release);
-    std::atomic_signal_fence(std::memory_order_seq_cst); // the compiler, too, must not look first
-    if (!storesSuffice.load(std::memory_order_relaxed)) [[unlikely]]
-        wakeOne(lock); // the word may have said "contended"
+    unlockByStore(lock);
 }

@@ -10,7 +10,7 @@ inline constexpr OSSpinLock OS_SPINLOCK_INIT = 0;
 /// Takes the lock. Uncontended, taking and giving back cost one locked
 /// instruction; contended it spins about a hundred times and then sleeps in the
 /// kernel, so that threads which outnumber the cores do not starve the holder.
-/// Not recursive.
+/// Not recursive. May be used before static initialisers have run, and leaves errno alone.
 void OSSpinLockLock(volatile OSSpinLock* lock);
 /// Takes the lock where it is free; false where it is held.
 bool OSSpinLockTry(volatile OSSpinLock* lock);
