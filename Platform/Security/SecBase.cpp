@@ -94,6 +94,8 @@ Ref<NSString> securityErrorText(OSStatus status)
         return "A file of the keychain is missing. It was left as it is."_ns;
     case errSecKeychainBusy:
         return "Another program is changing the keychain and does not come to an end."_ns;
+    case errSecPreferenceDamaged:
+        return "The record of which identity to use is damaged. It was kept."_ns;
     case errSecUnsupportedKeyFormat:
         return "The file uses an algorithm or a kind of key that this system does not support."_ns;
     case errSecUnsupportedKeySize:

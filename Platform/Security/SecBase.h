@@ -44,12 +44,13 @@ enum : OSStatus {
     errSecDataNotAvailable = -25316,
     errSecDataNotModifiable = -25317,
     errSecDecode = -26275,
-    // This system's own: what is wrong with a keychain's files.
+    // This system's own: what is wrong with a keychain's files, and with those beside them.
     errSecKeychainWrongType = -27901,
     errSecKeychainUnreadable = -27902,
     errSecKeychainEmpty = -27903,
     errSecKeychainIncomplete = -27904,
     errSecKeychainBusy = -27905,
+    errSecPreferenceDamaged = -27906,
     errSecUnsupportedKeyFormat = -67734,
     errSecUnsupportedKeySize = -67735,
     errSecNoCertificate = -67817,

@@ -73,3 +73,20 @@ OSStatus SecIdentityCopyPrivateKey(const SecIdentityRef& identity, SecKeyRef* ke
 /// (nil: the search list). errSecItemNotFound where no key is found.
 OSStatus SecIdentityCreateWithCertificate(
     const Ref<NSObject>& keychainOrArray, const SecCertificateRef& certificate, SecIdentityRef* identity);
+
+/// The identity that the user prefers for a name, such as a host's or an e-mail
+/// address: the one whose certificate was recorded, found in the search list
+/// with its key. Names are told apart byte for byte. `keyUsage` other than 0
+/// and CSSM_KEYUSE_ANY, and any `validIssuers`, are errSecParam, as is a name
+/// that is nil, empty or without UTF-8 form. Errors: errSecItemNotFound without
+/// a record, or where its certificate or key is in no keychain;
+/// errSecPreferenceDamaged; errSecIO; the keychains' own. The caller owns
+/// `*identity`. Any thread.
+OSStatus SecIdentityCopyPreference(
+    const Ref<NSString>& name, CSSM_KEYUSE keyUsage, const Ref<NSArray>& validIssuers, SecIdentityRef* identity);
+
+/// Records the identity for a name, for every later process of this user, in
+/// place of what was recorded before. Errors as above; errSecItemNotFound
+/// where the search list does not hold the identity, errSecWrPerm where the
+/// user's data directory is somebody else's. What is written is safe from a crash.
+OSStatus SecIdentitySetPreference(const SecIdentityRef& identity, const Ref<NSString>& name, CSSM_KEYUSE keyUsage);

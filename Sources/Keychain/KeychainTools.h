@@ -48,6 +48,17 @@ public:
     /// no UTF-8 form, gives nil.
     static Ref<NSArray> certificatesForEmailAddress(const Ref<NSString>& emailAddress);
 
+    /// The identity preferred for a name, such as a host's or an e-mail address;
+    /// the caller owns it. Null, logged, where none is set or it cannot be found.
+    static SecIdentityRef findIdentityByDomain(const Ref<NSString>& domain);
+
+    /// Sets the identity of a certificate, whose private key is looked for in the
+    /// search list, as the preferred one for a name. Without `overwriteExisting`
+    /// a preference that is set stays. Gives the status of finding the key: 0
+    /// also where a preference stayed, or where setting it failed.
+    static OSStatus createIdentityPreference(
+        const SecCertificateRef& certificate, const Ref<NSString>& domain, bool overwriteExisting);
+
     /// A certificate's label, its first 255 bytes up to a zero byte, read as Mac
     /// OS Roman whatever was written; nil, logged, where it cannot be read.
     static Ref<NSString> getReadableNameFromCertificate(const SecKeychainItemRef& certificate);

@@ -231,4 +231,155 @@ TEST_F(CertificatesForEmailAddress, AreDiscardedAtAFailureInTheMiddle)
     EXPECT_EQ(countOf(KeychainTools::certificatesForEmailAddress("ada@orvane.example"_ns)), 2U);
 }
 
+class Preferences : public KeychainTest {
+protected:
+    Preferences()
+    {
+        importBundle(adasBundle());
+        importBundle(twiceAddressedBundle());
+    }
+    static SecCertificateRef adas() { return certificateOf(adasBundle().leaf); }
+    static SecCertificateRef others() { return certificateOf(twiceAddressedBundle().leaf); }
+    /// The preferred certificate's bytes, asked of the platform; nothing for none.
+    static Bytes preferred(const Ref<NSString>& name)
+    {
+        SecIdentityRef identity;
+        CSSM_DATA data;
+        if (SecIdentityCopyPreference(name, 0, nullptr, &identity) != errSecSuccess
+            || SecCertificateGetData(identity->certificate(), &data) != errSecSuccess)
+            return {};
+        return {data.Data, data.Data + data.Length};
+    }
+};
+
+TEST_F(Preferences, AreSetAndFound)
+{
+    EXPECT_EQ(KeychainTools::createIdentityPreference(adas(), "mail.orvane.example"_ns, true), 0);
+    EXPECT_THAT(lines_, ElementsAre("Setting identity for mail.orvane.example"));
+    EXPECT_EQ(preferred("mail.orvane.example"_ns), adasBundle().leaf);
+    lines_.clear();
+    const auto identity = KeychainTools::findIdentityByDomain("mail.orvane.example"_ns);
+    ASSERT_TRUE(identity);
+    EXPECT_EQ(identity->certificate()->digest(), adas()->digest());
+    EXPECT_THAT(lines_, ElementsAre("Checking domain 'mail.orvane.example'"));
+}
+
+TEST_F(Preferences, ThatAreMissingAreNullAndLogged)
+{
+    EXPECT_FALSE(KeychainTools::findIdentityByDomain("nobody.orvane.example"_ns));
+    EXPECT_THAT(lines_,
+        ElementsAre(
+            "Checking domain 'nobody.orvane.example'", lineOf("Error in findIdentityByDomain: ", errSecItemNotFound)));
+    lines_.clear();
+    EXPECT_FALSE(KeychainTools::findIdentityByDomain(nullptr));
+    EXPECT_THAT(
+        lines_, ElementsAre("Checking domain '(null)'", lineOf("Error in findIdentityByDomain: ", errSecParam)));
+}
+
+TEST_F(Preferences, AreAskedForWithoutUseAndIssuers)
+{
+    const auto identity = KeychainTools::identitiesForEmailAddress("ada@orvane.example"_ns)->objectAs<SecIdentity>(0);
+    platformCalls().copyPreference = [&](const Ref<NSString>& name, CSSM_KEYUSE use, const Ref<NSArray>& issuers,
+                                         SecIdentityRef* found) {
+        EXPECT_EQ(toUTF8(name), "web.orvane.example");
+        EXPECT_EQ(use, 0U);
+        EXPECT_FALSE(issuers);
+        *found = identity;
+        return errSecIO;
+    };
+    EXPECT_FALSE(KeychainTools::findIdentityByDomain("web.orvane.example"_ns)) << "also where one came with the error";
+    EXPECT_THAT(lines_,
+        ElementsAre("Checking domain 'web.orvane.example'", lineOf("Error in findIdentityByDomain: ", errSecIO)));
+}
+
+TEST_F(Preferences, ThatAreSetStayWithoutOverwriting)
+{
+    ASSERT_EQ(KeychainTools::createIdentityPreference(adas(), "mail.orvane.example"_ns, true), 0);
+    lines_.clear();
+    platformCalls().setPreference = [](const auto&, const auto&, auto) -> OSStatus {
+        ADD_FAILURE() << "nothing is set";
+        return errSecParam;
+    };
+    EXPECT_EQ(KeychainTools::createIdentityPreference(others(), "mail.orvane.example"_ns, false), 0);
+    EXPECT_THAT(
+        lines_, ElementsAre("Checking domain 'mail.orvane.example'", "Identity already set for mail.orvane.example"));
+    EXPECT_EQ(preferred("mail.orvane.example"_ns), adasBundle().leaf);
+}
+
+TEST_F(Preferences, ThatAreMissingAreSetWithoutOverwriting)
+{
+    EXPECT_EQ(KeychainTools::createIdentityPreference(others(), "mail.orvane.example"_ns, false), 0);
+    EXPECT_THAT(lines_,
+        ElementsAre("Checking domain 'mail.orvane.example'",
+            lineOf("Error in findIdentityByDomain: ", errSecItemNotFound), "Setting identity for mail.orvane.example"));
+    EXPECT_EQ(preferred("mail.orvane.example"_ns), twiceAddressedBundle().leaf);
+}
+
+TEST_F(Preferences, AreOverwrittenWithoutALook)
+{
+    ASSERT_EQ(KeychainTools::createIdentityPreference(adas(), "mail.orvane.example"_ns, true), 0);
+    lines_.clear();
+    platformCalls().copyPreference = [](const auto&, auto, const auto&, auto*) -> OSStatus {
+        ADD_FAILURE() << "nothing is looked up";
+        return errSecParam;
+    };
+    EXPECT_EQ(KeychainTools::createIdentityPreference(others(), "mail.orvane.example"_ns, true), 0);
+    EXPECT_THAT(lines_, ElementsAre("Setting identity for mail.orvane.example"));
+    platformCalls() = {};
+    EXPECT_EQ(preferred("mail.orvane.example"_ns), twiceAddressedBundle().leaf);
+}
+
+TEST_F(Preferences, OfCertificatesWithoutKeyAreNotSet)
+{
+    EXPECT_EQ(
+        KeychainTools::createIdentityPreference(certificateOf(authority().root()), "mail.orvane.example"_ns, true),
+        errSecItemNotFound);
+    EXPECT_THAT(lines_,
+        ElementsAre("Setting identity for mail.orvane.example",
+            lineOf("SecKeychainSearchCopyNext failed: ", errSecItemNotFound)));
+    EXPECT_EQ(preferred("mail.orvane.example"_ns), Bytes());
+}
+
+TEST_F(Preferences, AreOfTheIdentityInTheWholeListAndForNoUse)
+{
+    const auto certificate = adas();
+    const auto identity = KeychainTools::identitiesForEmailAddress("ada@orvane.example"_ns)->objectAs<SecIdentity>(0);
+    platformCalls().createIdentity = [&](const Ref<NSObject>& keychain, const SecCertificateRef& of, auto* made) {
+        EXPECT_FALSE(keychain);
+        EXPECT_EQ(of, certificate);
+        *made = identity;
+        return errSecSuccess;
+    };
+    int calls = 0;
+    platformCalls().setPreference = [&](const SecIdentityRef& set, const Ref<NSString>& name, CSSM_KEYUSE use) {
+        ++calls;
+        EXPECT_EQ(set, identity);
+        EXPECT_EQ(toUTF8(name), "mail.orvane.example");
+        EXPECT_EQ(use, 0U);
+        return errSecSuccess;
+    };
+    EXPECT_EQ(KeychainTools::createIdentityPreference(certificate, "mail.orvane.example"_ns, true), 0);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(Preferences, ThatCannotBeWrittenCountAsSet)
+{
+    platformCalls().setPreference = [](const auto&, const auto&, auto) { return errSecIO; };
+    EXPECT_EQ(KeychainTools::createIdentityPreference(adas(), "mail.orvane.example"_ns, true), 0);
+    EXPECT_THAT(lines_, ElementsAre("Setting identity for mail.orvane.example"));
+}
+
+TEST_F(Preferences, GiveTheStatusOfAnyFailureToFindTheKey)
+{
+    platformCalls().createIdentity = [](const auto&, const auto&, auto*) { return errSecInvalidKeychain; };
+    platformCalls().setPreference = [](const auto&, const auto&, auto) -> OSStatus {
+        ADD_FAILURE() << "nothing is set";
+        return errSecSuccess;
+    };
+    EXPECT_EQ(KeychainTools::createIdentityPreference(adas(), "mail.orvane.example"_ns, true), errSecInvalidKeychain);
+    EXPECT_THAT(lines_,
+        ElementsAre("Setting identity for mail.orvane.example",
+            lineOf("SecKeychainSearchCopyNext failed: ", errSecInvalidKeychain)));
+}
+
 } // namespace

@@ -62,6 +62,29 @@ OSStatus SecIdentityCopyCertificate(const SecIdentityRef& identity, SecCertifica
     return replaced ? replaced(identity, certificate) : real(identity, certificate);
 }
 
+OSStatus SecIdentityCreateWithCertificate(
+    const Ref<NSObject>& keychainOrArray, const SecCertificateRef& certificate, SecIdentityRef* identity)
+{
+    static const auto real = libraryFunction(&SecIdentityCreateWithCertificate);
+    const auto& replaced = platformCalls().createIdentity;
+    return replaced ? replaced(keychainOrArray, certificate, identity) : real(keychainOrArray, certificate, identity);
+}
+
+OSStatus SecIdentityCopyPreference(
+    const Ref<NSString>& name, CSSM_KEYUSE keyUsage, const Ref<NSArray>& validIssuers, SecIdentityRef* identity)
+{
+    static const auto real = libraryFunction(&SecIdentityCopyPreference);
+    const auto& replaced = platformCalls().copyPreference;
+    return replaced ? replaced(name, keyUsage, validIssuers, identity) : real(name, keyUsage, validIssuers, identity);
+}
+
+OSStatus SecIdentitySetPreference(const SecIdentityRef& identity, const Ref<NSString>& name, CSSM_KEYUSE keyUsage)
+{
+    static const auto real = libraryFunction(&SecIdentitySetPreference);
+    const auto& replaced = platformCalls().setPreference;
+    return replaced ? replaced(identity, name, keyUsage) : real(identity, name, keyUsage);
+}
+
 OSStatus SecCertificateCopyEmailAddresses(const SecCertificateRef& certificate, Ref<NSArray>* emailAddresses)
 {
     static const auto real = libraryFunction(&SecCertificateCopyEmailAddresses);

@@ -24,6 +24,9 @@ struct PlatformCalls {
     std::function<OSStatus(const Ref<NSObject>&, CSSM_KEYUSE, SecIdentitySearchRef*)> createIdentitySearch;
     std::function<OSStatus(const SecIdentitySearchRef&, SecIdentityRef*)> identitySearchNext;
     std::function<OSStatus(const SecIdentityRef&, SecCertificateRef*)> copyCertificate;
+    std::function<OSStatus(const Ref<NSObject>&, const SecCertificateRef&, SecIdentityRef*)> createIdentity;
+    std::function<OSStatus(const Ref<NSString>&, CSSM_KEYUSE, const Ref<NSArray>&, SecIdentityRef*)> copyPreference;
+    std::function<OSStatus(const SecIdentityRef&, const Ref<NSString>&, CSSM_KEYUSE)> setPreference;
     std::function<OSStatus(const SecCertificateRef&, Ref<NSArray>*)> copyEmailAddresses;
     std::function<OSStatus(const CSSM_DATA*, CSSM_CERT_TYPE, CSSM_CERT_ENCODING, SecCertificateRef*)> createCertificate;
     std::function<OSStatus(const SecCertificateRef&, CSSM_DATA*)> certificateData;

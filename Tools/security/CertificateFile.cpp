@@ -1,8 +1,8 @@
 #include "security/CertificateFile.h"
 
+#include "Security/ScopedDescriptor.h"
 #include "Security/ScopedOpenSSL.h"
 #include "security/FileTools.h"
-#include "security/ScopedDescriptor.h"
 
 #include <cerrno>
 #include <ctime>

@@ -1,6 +1,6 @@
 #include "security/FileTools.h"
 
-#include "security/ScopedDescriptor.h"
+#include "Security/ScopedDescriptor.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "security/RunCommand.h"
 
-#include "security/ScopedDescriptor.h"
+#include "Security/ScopedDescriptor.h"
 
 #include <array>
 #include <cerrno>

@@ -4,13 +4,20 @@
 #include <unistd.h>
 #include <utility>
 
-namespace kf::security {
+namespace kf {
 
 class ScopedDescriptor {
 public:
     explicit ScopedDescriptor(int descriptor) noexcept : descriptor_(descriptor) { }
     ScopedDescriptor(const ScopedDescriptor&) = delete;
     ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
+    ScopedDescriptor(ScopedDescriptor&& other) noexcept : descriptor_(other.leak()) { }
+    ScopedDescriptor& operator=(ScopedDescriptor&& other) noexcept
+    {
+        reset();
+        descriptor_ = other.leak();
+        return *this;
+    }
     ~ScopedDescriptor() { reset(); }
 
     int get() const noexcept { return descriptor_; }
@@ -25,4 +32,4 @@ private:
     int descriptor_;
 };
 
-} // namespace kf::security
+} // namespace kf
