@@ -1,32 +1,20 @@
-#include "Foundation/NSNumber.h"
 #include "Security/Authorization/Backend.h"
+#include "Security/Keychain/DatabaseFiles.h"
 #include "Security/Keychain/KeychainAccess.h"
 #include "security/CertificateFile.h"
 #include "security/Commands.h"
-#include "security/TrustStore.h"
+#include "security/FileTools.h"
+#include "security/SystemKeychain.h"
 #include "security/TrustedCertificate.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kf::security {
 
 namespace {
-
-Ref<NSDictionary> trustAsRoot()
-{
-    SecPolicySearchRef search;
-    SecPolicyRef policy;
-    SecPolicySearchCreate(CSSM_CERT_X_509v3, &CSSMOID_APPLE_X509_BASIC, nullptr, &search);
-    SecPolicySearchCopyNext(search, &policy);
-    return NSDictionary::dictionaryWithObjectsAndKeys({{policy, kSecTrustSettingsPolicy}});
-}
-
-bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain)
-{
-    Ref<NSArray> settings;
-    if (SecTrustSettingsCopyTrustSettings(certificate, domain, &settings) != errSecSuccess || countOf(settings) != 1)
-        return false;
-    const auto result = settings->objectAs<NSDictionary>(0)->objectAs<NSNumber>(kSecTrustSettingsResult);
-    return result && result->unsignedIntValue() == kSecTrustSettingsResultTrustRoot;
-}
 
 SecKeychainRef keychainOf(SecTrustSettingsDomain domain)
 {
@@ -37,38 +25,74 @@ SecKeychainRef keychainOf(SecTrustSettingsDomain domain)
     return keychain;
 }
 
-/// Adds the certificate to a keychain besides the one that holds its setting.
-bool addToKeychain(const TrustedCertificate& read, const std::string& path, SecTrustSettingsDomain domain)
+SecKeychainRef keychainAt(const std::string& path)
 {
     SecKeychainRef keychain;
-    OSStatus status = SecKeychainOpen(path.c_str(), &keychain);
-    if (status == errSecSuccess && CFEqual(keychain, keychainOf(domain)))
-        return true;
+    static_cast<void>(SecKeychainOpen(path.c_str(), &keychain));
+    return keychain;
+}
+
+/// Whether a keychain could be made at a path: errSecSuccess, or why not.
+OSStatus statusOfMaking(const std::string& path)
+{
+    std::filesystem::path ancestor = path;
+    struct stat status = {};
+    while (::stat(ancestor.c_str(), &status) != 0 && ancestor.has_relative_path())
+        ancestor = ancestor.parent_path();
+    if (!S_ISDIR(status.st_mode))
+        return errSecKeychainWrongType;
+    if (status.st_uid != ::geteuid() && status.st_uid != 0)
+        return errSecWrPerm;
+    return ::faccessat(AT_FDCWD, ancestor.c_str(), W_OK | X_OK, AT_EACCESS) == 0 ? errSecSuccess : errSecReadOnly;
+}
+
+/// Whether a keychain will take a certificate, as far as can be told before anything is written.
+OSStatus statusOfWriting(const SecKeychainRef& keychain, const Bytes& certificate)
+{
+    if (!keychain)
+        return errSecInvalidKeychain;
     if (CFEqual(keychain, keychain::systemKeychain()) && !authorization::currentBackend()->isAdministrator())
-        status = errAuthorizationDenied;
-    if (status == errSecSuccess)
-        status = SecCertificateAddToKeychain(read.certificate, keychain);
+        return errAuthorizationDenied;
+    const auto files = keychain::inspectDatabase(keychain->path());
+    if (files.status() == errSecNoSuchKeychain)
+        return statusOfMaking(keychain->path());
+    if (!files)
+        return files.status();
+    if (files->writing != errSecSuccess)
+        return files->writing;
+    // Opens and unlocks it.
+    const OSStatus status = keychain::readTrust(keychain, certificate).status();
+    return status == errSecItemNotFound ? errSecSuccess : status;
+}
+
+/// Adds the certificate to a keychain besides the one that holds its setting.
+bool addToKeychain(const TrustedCertificate& read, const std::string& place, const SecKeychainRef& keychain)
+{
+    if (CFEqual(keychain, keychain::systemKeychain())) {
+        if (const std::string error = SystemKeychain::noteAddition(read.der); !error.empty())
+            return report(place, false, error);
+    }
+    const OSStatus status = SecCertificateAddToKeychain(read.certificate, keychain);
     if (status == errSecDuplicateItem)
-        return report(path, true, "the certificate was there already");
-    return report(path, status == errSecSuccess, status == errSecSuccess ? "certificate added" : statusText(status));
+        return report(place, true, "the certificate was there already");
+    return report(place, status == errSecSuccess, status == errSecSuccess ? "certificate added" : statusText(status));
 }
 
-bool writeSetting(const TrustedCertificate& read, SecTrustSettingsDomain domain)
+int trustForTheUser(const TrustedCertificate& read)
 {
-    const std::string place = domain == kSecTrustSettingsDomainAdmin ? systemKeychainName : defaultKeychainName;
-    if (isTrustedAsRoot(read.certificate, domain))
-        return report(place, true, "was trusted already");
-    const OSStatus status = SecTrustSettingsSetTrustSettings(read.certificate, domain, trustAsRoot());
-    return report(place, status == errSecSuccess, status == errSecSuccess ? "trusted" : statusText(status));
+    if (isTrustedAsRoot(read.certificate, kSecTrustSettingsDomainUser)) {
+        report(defaultKeychainName, true, "was trusted already");
+        return exitSuccess;
+    }
+    const OSStatus status =
+        SecTrustSettingsSetTrustSettings(read.certificate, kSecTrustSettingsDomainUser, trustAsRoot());
+    const bool isDone = status == errSecSuccess;
+    return report(defaultKeychainName, isDone, isDone ? "trusted" : statusText(status)) ? exitSuccess : exitFailure;
 }
 
-bool publish(const TrustedCertificate& read)
+int trustForEverybody(const TrustedCertificate& read)
 {
-    const auto store = distributionTrustStore();
-    if (!store)
-        return report("distribution's trust store", false, "this distribution's is not known");
-    const Outcome outcome = store->add(read.der);
-    return report(store->name(), outcome.succeeded, outcome.text);
+    return changeEveryPlace([&](TrustPlace& place) { return place.add(read.der); }, true);
 }
 
 } // namespace
@@ -89,11 +113,18 @@ int addTrustedCert(const Arguments& arguments)
     const auto domain = arguments.has('d') ? kSecTrustSettingsDomainAdmin : kSecTrustSettingsDomainUser;
     if (domain == kSecTrustSettingsDomainAdmin && !requireAdministrator())
         return exitFailure;
-    if (!writeSetting(read, domain))
-        return exitFailure;
-    const bool isAdded = !arguments.has('k') || addToKeychain(read, *arguments.value('k'), domain);
-    const bool isPublished = domain == kSecTrustSettingsDomainUser || publish(read);
-    return isAdded && isPublished ? exitSuccess : exitFailure;
+    const std::string path = arguments.value('k').value_or(std::string());
+    const SecKeychainRef keychain = keychainAt(path);
+    const bool isAnother = arguments.has('k') && !CFEqual(keychain, keychainOf(domain));
+    if (isAnother) {
+        if (const OSStatus status = statusOfWriting(keychain, read.der); status != errSecSuccess) {
+            report(shownPath(path), false, statusText(status));
+            return exitFailure;
+        }
+    }
+    const int status = arguments.has('d') ? trustForEverybody(read) : trustForTheUser(read);
+    const bool isAdded = !isAnother || addToKeychain(read, shownPath(path), keychain);
+    return isAdded ? status : exitFailure;
 }
 
 } // namespace kf::security

@@ -1,16 +1,12 @@
 #include "security/CertificateFile.h"
 
-#include "Security/ScopedDescriptor.h"
 #include "Security/ScopedOpenSSL.h"
 #include "security/FileTools.h"
 
-#include <cerrno>
 #include <ctime>
-#include <fcntl.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <string_view>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kf::security {
@@ -20,37 +16,6 @@ namespace {
 constexpr std::size_t sizeLimit = 64 * 1024;
 
 CertificateFile failed(std::string error) { return {std::nullopt, std::move(error)}; }
-
-/// The file's bytes, in `der` for now.
-CertificateFile readBytes(const std::string& path)
-{
-    const int linkFlag = ::geteuid() == 0 ? O_NOFOLLOW : 0;
-    // Without O_NONBLOCK a named pipe would keep us waiting before we see what it is.
-    const ScopedDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | linkFlag));
-    if (file.get() < 0)
-        return failed(errno == ELOOP ? std::string("is a symbolic link") : errorText(errno));
-    struct stat status = {};
-    if (::fstat(file.get(), &status) != 0)
-        return failed(errorText(errno));
-    if (!S_ISREG(status.st_mode))
-        return failed("is not a regular file");
-    Bytes bytes(sizeLimit + 1);
-    std::size_t length = 0;
-    while (length < bytes.size()) {
-        const ssize_t count = ::read(file.get(), bytes.data() + length, bytes.size() - length);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return failed(errorText(errno));
-        if (count == 0)
-            break;
-        length += static_cast<std::size_t>(count);
-    }
-    if (length > sizeLimit)
-        return failed("is larger than 64 KiB");
-    bytes.resize(length);
-    return {std::move(bytes), {}};
-}
 
 std::size_t countOf(std::string_view text, std::string_view part)
 {
@@ -113,12 +78,13 @@ std::string whyKeyIsWeak(const X509* certificate)
 
 CertificateFile readCertificateFile(const std::string& path)
 {
-    CertificateFile file = readBytes(path);
-    if (!file.der)
-        return file;
-    if (readCertificateFields(*file.der))
-        return file;
-    const std::string_view text(reinterpret_cast<const char*>(file.der->data()), file.der->size());
+    const bool isRoot = ::geteuid() == 0;
+    const FileContent content = readFile(path, sizeLimit, !isRoot);
+    if (!content.text)
+        return failed(content.error);
+    const std::string& text = *content.text;
+    if (Bytes bytes(text.begin(), text.end()); readCertificateFields(bytes))
+        return {std::move(bytes), {}};
     const std::size_t certificates = countOf(text, "-----BEGIN CERTIFICATE-----");
     if (certificates == 0)
         return failed("holds no certificate (neither DER nor PEM)");
@@ -152,6 +118,16 @@ std::string whyNotAdmissible(const Bytes& der)
     if (X509_self_signed(certificate.get(), 1) != 1)
         return "is not a root certificate: it did not sign itself";
     return {};
+}
+
+std::string pemText(const Bytes& der)
+{
+    const ScopedBIOChain memory(BIO_new(BIO_s_mem()));
+    if (!memory || PEM_write_bio(memory.get(), PEM_STRING_X509, "", der.data(), static_cast<long>(der.size())) <= 0)
+        throw std::bad_alloc();
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(memory.get(), &text);
+    return std::string(text, static_cast<std::size_t>(length));
 }
 
 std::string digestText(const Bytes& der)

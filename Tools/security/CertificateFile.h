@@ -24,6 +24,9 @@ CertificateFile readCertificateFile(const std::string& path);
 /// 112 bits of strength (RSA 2048).
 std::string whyNotAdmissible(const Bytes& der);
 
+/// The certificate in PEM (RFC 7468).
+std::string pemText(const Bytes& der);
+
 /// SHA-256 in hexadecimal.
 std::string digestText(const Bytes& der);
 

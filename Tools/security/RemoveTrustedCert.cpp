@@ -1,38 +1,9 @@
-#include "Security/Keychain/KeychainAccess.h"
 #include "security/Commands.h"
-#include "security/TrustStore.h"
 #include "security/TrustedCertificate.h"
 
 namespace kf::security {
 
 namespace {
-
-/// Takes the certificate, and its trust with it, out of the System keychain.
-bool removeFromSystemKeychain(const TrustedCertificate& read)
-{
-    const auto fields = readCertificateFields(read.der);
-    const auto found = keychain::certificatesWithSubject(keychain::systemKeychain(), fields->subject);
-    if (!found)
-        return report(systemKeychainName, false, statusText(found.status()));
-    for (const SecCertificateRef& certificate : *found) {
-        if (certificate->digest() != read.certificate->digest())
-            continue;
-        const OSStatus status = SecKeychainItemDelete(certificate);
-        return report(
-            systemKeychainName, status == errSecSuccess, status == errSecSuccess ? "removed" : statusText(status));
-    }
-    return report(systemKeychainName, true, "was not there");
-}
-
-bool removeFromTrustStore(const TrustedCertificate& read)
-{
-    const auto store = distributionTrustStore();
-    if (!store)
-        return report(
-            "distribution's trust store", true, "this distribution's is not known, so it holds nothing of us");
-    const Outcome outcome = store->remove(read.der);
-    return report(store->name(), outcome.succeeded, outcome.text);
-}
 
 bool removeUserSetting(const TrustedCertificate& read)
 {
@@ -56,10 +27,7 @@ int removeTrustedCert(const Arguments& arguments)
         return removeUserSetting(read) ? exitSuccess : exitFailure;
     if (!requireAdministrator())
         return exitFailure;
-    // Both places, whatever comes of the first: a removal must not stop halfway.
-    const bool isOutOfKeychain = removeFromSystemKeychain(read);
-    const bool isOutOfStore = removeFromTrustStore(read);
-    return isOutOfKeychain && isOutOfStore ? exitSuccess : exitFailure;
+    return changeEveryPlace([&](TrustPlace& place) { return place.remove(read.der); }, false);
 }
 
 } // namespace kf::security

@@ -1,7 +1,10 @@
 #include "security/TrustedCertificate.h"
 
+#include "Foundation/NSNumber.h"
 #include "Security/Authorization/Backend.h"
 #include "security/CertificateFile.h"
+#include "security/Commands.h"
+#include "security/FileTools.h"
 
 #include <iostream>
 
@@ -9,19 +12,44 @@ namespace kf::security {
 
 TrustedCertificate readOperand(const std::string& path)
 {
-    TrustedCertificate read{path, {}, nullptr};
+    TrustedCertificate read{shownPath(path), {}, nullptr};
     CertificateFile file = readCertificateFile(path);
     if (!file.der) {
-        report(path, false, file.error);
+        report(read.path, false, file.error);
         return read;
     }
     read.der = std::move(*file.der);
-    const CSSM_DATA data{read.der.size(), read.der.data()};
-    const OSStatus status =
-        SecCertificateCreateFromData(&data, CSSM_CERT_X_509v3, CSSM_CERT_ENCODING_DER, &read.certificate);
-    if (status != errSecSuccess)
-        report(path, false, statusText(status));
+    read.certificate = certificateFrom(read.der);
+    if (!read.certificate)
+        report(read.path, false, "holds a damaged certificate");
     return read;
+}
+
+SecCertificateRef certificateFrom(const Bytes& der)
+{
+    Bytes copy = der; // the interface takes pointers to mutable bytes and changes none
+    const CSSM_DATA data{copy.size(), copy.data()};
+    SecCertificateRef certificate;
+    static_cast<void>(SecCertificateCreateFromData(&data, CSSM_CERT_X_509v3, CSSM_CERT_ENCODING_DER, &certificate));
+    return certificate;
+}
+
+Ref<NSDictionary> trustAsRoot()
+{
+    SecPolicySearchRef search;
+    SecPolicyRef policy;
+    SecPolicySearchCreate(CSSM_CERT_X_509v3, &CSSMOID_APPLE_X509_BASIC, nullptr, &search);
+    SecPolicySearchCopyNext(search, &policy);
+    return NSDictionary::dictionaryWithObjectsAndKeys({{policy, kSecTrustSettingsPolicy}});
+}
+
+bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain)
+{
+    Ref<NSArray> settings;
+    if (SecTrustSettingsCopyTrustSettings(certificate, domain, &settings) != errSecSuccess || countOf(settings) != 1)
+        return false;
+    const auto result = settings->objectAs<NSDictionary>(0)->objectAs<NSNumber>(kSecTrustSettingsResult);
+    return result && result->unsignedIntValue() == kSecTrustSettingsResultTrustRoot;
 }
 
 bool report(const std::string& place, bool succeeded, const std::string& text)
@@ -31,6 +59,28 @@ bool report(const std::string& place, bool succeeded, const std::string& text)
     else
         std::cerr << "security: " << place << ": " << text << std::endl;
     return succeeded;
+}
+
+int changeEveryPlace(const std::function<Outcome(TrustPlace&)>& change, bool stopsAtKeychain)
+{
+    // An addition and a removal that overlap would leave some places with the one and some with the other.
+    constexpr const char* lockPath = "/run/keyfold-trust.lock";
+    constexpr auto patience = std::chrono::seconds(90);
+    const FileLock turn(lockPath, patience);
+    if (!turn.isHeld()) {
+        report(systemKeychainName, false, std::string("another run does not end (") + lockPath + ")");
+        return exitFailure;
+    }
+    int status = exitSuccess;
+    for (const auto& place : trustPlaces()) {
+        const Outcome outcome = attempt([&] { return change(*place); });
+        if (report(place->name(), outcome.succeeded(), outcome.text) || !place->decides())
+            continue;
+        status = exitFailure;
+        if (stopsAtKeychain && place->name() == systemKeychainName)
+            break;
+    }
+    return status;
 }
 
 bool requireAdministrator()

@@ -1,8 +1,9 @@
-// What the two commands about trusted certificates share.
+// What the commands about trusted certificates share.
 #pragma once
 
 #include "Security/Certificate/CertificateFields.h"
 #include "Security/SecTrust.h"
+#include "security/TrustPlace.h"
 
 #include <string>
 
@@ -21,8 +22,21 @@ struct TrustedCertificate {
 /// Reads it; tells on standard error why it cannot.
 TrustedCertificate readOperand(const std::string& path);
 
+/// The certificate in no keychain; nil where the bytes are none.
+SecCertificateRef certificateFrom(const Bytes& der);
+
+/// The setting that makes a certificate a trusted root for servers and e-mail.
+Ref<NSDictionary> trustAsRoot();
+bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain);
+
 /// Tells what came of one place; returns `succeeded`.
 bool report(const std::string& place, bool succeeded, const std::string& text);
+
+/// Changes every place of the machine, one after the other and each told by
+/// itself, while no other run does. Gives the exit status: what the deciding
+/// places make of it. `stopsAtKeychain`: what the System keychain does not
+/// take is not published.
+int changeEveryPlace(const std::function<Outcome(TrustPlace&)>& change, bool stopsAtKeychain);
 
 /// Whether this process may change what everybody trusts; tells where it may not.
 bool requireAdministrator();

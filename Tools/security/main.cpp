@@ -4,19 +4,21 @@
 #include <exception>
 #include <iostream>
 #include <map>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-/// An environment of root's own: libraries take orders from variables.
+/// An environment of root's own: libraries take orders from variables, and the
+/// caller's HOME would have root write into the caller's home.
 void cleanEnvironment()
 {
     std::map<std::string, std::string> kept = {{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"}, {"LC_ALL", "C.UTF-8"}};
-    for (const char* name : {"HOME", "KEYFOLD_AUTHORIZATION"}) {
-        if (const char* value = std::getenv(name))
-            kept[name] = value;
-    }
+    if (const passwd* account = ::getpwuid(::geteuid()))
+        kept["HOME"] = account->pw_dir;
+    if (const char* value = std::getenv("KEYFOLD_AUTHORIZATION"))
+        kept["KEYFOLD_AUTHORIZATION"] = value;
     ::clearenv();
     for (const auto& [name, value] : kept)
         ::setenv(name.c_str(), value.c_str(), 1);

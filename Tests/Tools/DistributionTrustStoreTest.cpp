@@ -1,6 +1,6 @@
 // The distribution's own update-ca-certificates, on directories of the test's own.
 
-#include "security/DebianTrustStore.h"
+#include "security/DistributionTrustStore.h"
 #include "Tests/Support/Fixtures.h"
 #include "security/FileTools.h"
 
@@ -11,7 +11,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using kf::security::DebianTrustStore;
+using kf::security::DistributionTrustStore;
 using kf::security::Outcome;
 using kf::test::Authority;
 using kf::test::Bytes;
@@ -21,26 +21,27 @@ using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
-class DebianTrustStoreTest : public ::testing::Test {
+class DistributionTrustStoreTest : public ::testing::Test {
 protected:
-    DebianTrustStoreTest()
+    DistributionTrustStoreTest()
     {
         std::string pattern = (fs::temp_directory_path() / "keyfold-store-XXXXXX").string();
         directory_ = ::mkdtemp(pattern.data());
         fs::create_directory(certificates());
         fs::create_directory(directory_ / "hooks");
         writeFile(directory_ / "conf", std::string_view("# none\n"));
-        places_.anchors = directory_ / "anchors";
-        places_.hashedDirectory = certificates();
-        places_.bundle = certificates() / "ca-certificates.crt";
-        places_.command = directory_ / "update";
-        places_.lock = directory_ / "lock";
-        places_.patience = std::chrono::seconds(0);
+        layout_.anchors = directory_ / "anchors";
+        layout_.hashedDirectory = certificates();
+        layout_.bundle = certificates() / "ca-certificates.crt";
+        layout_.suffix = ".crt";
+        layout_.command = {directory_ / "update"};
+        layout_.lock = directory_ / "lock";
+        layout_.patience = std::chrono::seconds(0);
         setCommand("exec /usr/sbin/update-ca-certificates --certsconf " + (directory_ / "conf").string()
-            + " --localcertsdir " + places_.anchors + " --etccertsdir " + places_.hashedDirectory + " --hooksdir "
+            + " --localcertsdir " + layout_.anchors + " --etccertsdir " + layout_.hashedDirectory + " --hooksdir "
             + (directory_ / "hooks").string() + "\n");
     }
-    ~DebianTrustStoreTest() override { fs::remove_all(directory_); }
+    ~DistributionTrustStoreTest() override { fs::remove_all(directory_); }
 
     void SetUp() override
     {
@@ -50,11 +51,11 @@ protected:
 
     void setCommand(const std::string& script)
     {
-        writeFile(places_.command, "#!/bin/sh\necho run >> " + (directory_ / "runs").string() + "\n" + script);
-        ::chmod(places_.command.c_str(), 0755);
+        writeFile(layout_.command[0], "#!/bin/sh\necho run >> " + (directory_ / "runs").string() + "\n" + script);
+        ::chmod(layout_.command[0].c_str(), 0755);
     }
     std::size_t runs() const { return fs::exists(directory_ / "runs") ? fs::file_size(directory_ / "runs") / 4 : 0; }
-    DebianTrustStore store() const { return DebianTrustStore(places_); }
+    DistributionTrustStore store() const { return DistributionTrustStore(layout_); }
     fs::path certificates() const { return directory_ / "certs"; }
 
     /// What openssl says with the hashed directory, and with the bundle, alone.
@@ -62,8 +63,8 @@ protected:
     {
         const bool byDirectory =
             kf::test::run({"openssl", "verify", "-no-CAfile", "-CApath", certificates(), pem}).status == 0;
-        const bool byBundle = fs::exists(places_.bundle) && fs::file_size(places_.bundle) > 0
-            && kf::test::run({"openssl", "verify", "-no-CApath", "-CAfile", places_.bundle, pem}).status == 0;
+        const bool byBundle = fs::exists(layout_.bundle) && fs::file_size(layout_.bundle) > 0
+            && kf::test::run({"openssl", "verify", "-no-CApath", "-CAfile", layout_.bundle, pem}).status == 0;
         EXPECT_EQ(byDirectory, byBundle);
         return byDirectory && byBundle;
     }
@@ -82,24 +83,24 @@ protected:
     }
 
     fs::path directory_;
-    DebianTrustStore::Places places_;
+    DistributionTrustStore::Layout layout_;
 };
 
-TEST_F(DebianTrustStoreTest, AnAddedAuthorityIsTrusted)
+TEST_F(DistributionTrustStoreTest, AnAddedAuthorityIsTrusted)
 {
     ASSERT_FALSE(isTrusted(authority().rootFile()));
     const Outcome added = store().add(authority().root());
-    ASSERT_TRUE(added.succeeded) << added.text;
+    ASSERT_TRUE(added.succeeded()) << added.text;
     EXPECT_EQ(added.text, "installed (" + store().anchorPath(authority().root()) + ")");
     EXPECT_TRUE(isTrusted(authority().rootFile()));
     EXPECT_TRUE(isTrusted(authority().issuerFile()));
     struct stat status = {};
     ASSERT_EQ(::stat(store().anchorPath(authority().root()).c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0644U);
-    EXPECT_EQ(contentOf(places_.anchors).size(), 1U) << "no temporary file stays";
+    EXPECT_EQ(contentOf(layout_.anchors).size(), 1U) << "no temporary file stays";
 }
 
-TEST_F(DebianTrustStoreTest, FileNameHoldsNameAndDigest)
+TEST_F(DistributionTrustStoreTest, FileNameHoldsNameAndDigest)
 {
     const std::string name = fs::path(store().anchorPath(authority().root())).filename();
     EXPECT_THAT(name, MatchesRegex("keyfold-orvane-certification-authority-[0-9a-f]+\\.crt"));
@@ -109,147 +110,147 @@ TEST_F(DebianTrustStoreTest, FileNameHoldsNameAndDigest)
     EXPECT_NE(store().anchorPath(odd.root()), store().anchorPath(odd.issuer()));
 }
 
-TEST_F(DebianTrustStoreTest, AddingAgainChangesNothing)
+TEST_F(DistributionTrustStoreTest, AddingAgainChangesNothing)
 {
-    ASSERT_TRUE(store().add(authority().root()).succeeded);
-    const auto before = kf::test::readFile(places_.bundle);
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    const auto before = kf::test::readFile(layout_.bundle);
     const Outcome again = store().add(authority().root());
-    EXPECT_TRUE(again.succeeded);
+    EXPECT_TRUE(again.succeeded());
     EXPECT_THAT(again.text, StartsWith("was there already"));
     EXPECT_EQ(runs(), 1U);
-    EXPECT_EQ(kf::test::readFile(places_.bundle), before);
+    EXPECT_EQ(kf::test::readFile(layout_.bundle), before);
 }
 
-TEST_F(DebianTrustStoreTest, RepairsAnAnchorThatWasChanged)
+TEST_F(DistributionTrustStoreTest, RepairsAnAnchorThatWasChanged)
 {
-    ASSERT_TRUE(store().add(authority().root()).succeeded);
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
     writeFile(store().anchorPath(authority().root()), std::string_view("changed\n"));
-    EXPECT_TRUE(store().add(authority().root()).succeeded);
+    EXPECT_TRUE(store().add(authority().root()).succeeded());
     EXPECT_TRUE(isTrusted(authority().rootFile()));
 }
 
-TEST_F(DebianTrustStoreTest, RemovingTakesOutExactlyOurEntries)
+TEST_F(DistributionTrustStoreTest, RemovingTakesOutExactlyOurEntries)
 {
     const Authority other("Somebody", "Other Authority");
-    fs::create_directory(places_.anchors);
-    fs::copy_file(other.rootFile(), fs::path(places_.anchors) / "other.crt");
-    ASSERT_TRUE(store().add(authority().root()).succeeded);
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
     ASSERT_EQ(contentOf(certificates()).size(), 5U) << "a link and a hash link each, and the bundle";
     const Outcome removed = store().remove(authority().root());
-    EXPECT_TRUE(removed.succeeded) << removed.text;
+    EXPECT_TRUE(removed.succeeded()) << removed.text;
     EXPECT_THAT(removed.text, StartsWith("removed"));
     EXPECT_FALSE(isTrusted(authority().rootFile()));
     EXPECT_TRUE(isTrusted(other.rootFile()));
-    EXPECT_EQ(contentOf(places_.anchors).size(), 1U);
+    EXPECT_EQ(contentOf(layout_.anchors).size(), 1U);
     EXPECT_EQ(contentOf(certificates()).size(), 3U) << "no dangling links";
 }
 
-TEST_F(DebianTrustStoreTest, RemovingLeavesNamesakesReachable)
+TEST_F(DistributionTrustStoreTest, RemovingLeavesNamesakesReachable)
 {
     std::vector<std::unique_ptr<Authority>> namesakes;
     for (int count = 0; count < 4; ++count) {
         namesakes.push_back(std::make_unique<Authority>());
-        ASSERT_TRUE(store().add(namesakes.back()->root()).succeeded);
+        ASSERT_TRUE(store().add(namesakes.back()->root()).succeeded());
     }
     // The certificates below tell by key identifier which of the namesakes issued them.
     for (std::size_t removed = 0; removed < 3; ++removed) {
         const Outcome outcome = store().remove(namesakes[removed]->root());
-        ASSERT_TRUE(outcome.succeeded) << outcome.text;
+        ASSERT_TRUE(outcome.succeeded()) << outcome.text;
         for (std::size_t index = 0; index < namesakes.size(); ++index)
             EXPECT_EQ(isTrusted(namesakes[index]->issuerFile()), index > removed)
                 << "one name, one hash: no gap in the numbers";
     }
 }
 
-TEST_F(DebianTrustStoreTest, RemovingWhatIsNotThereIsNoFailure)
+TEST_F(DistributionTrustStoreTest, RemovingWhatIsNotThereIsNoFailure)
 {
     const Outcome removed = store().remove(authority().root());
-    EXPECT_TRUE(removed.succeeded);
+    EXPECT_TRUE(removed.succeeded());
     EXPECT_EQ(removed.text, "was not there");
     EXPECT_EQ(runs(), 0U);
 }
 
-TEST_F(DebianTrustStoreTest, RemovingFinishesWhatEndedEarly)
+TEST_F(DistributionTrustStoreTest, RemovingFinishesWhatEndedEarly)
 {
     const Authority other("Somebody", "Other Authority");
-    fs::create_directory(places_.anchors);
-    fs::copy_file(other.rootFile(), fs::path(places_.anchors) / "other.crt");
-    ASSERT_TRUE(store().add(authority().root()).succeeded);
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
     // As after a kill between the deletion and the update.
-    for (const auto& anchor : fs::directory_iterator(places_.anchors)) {
+    for (const auto& anchor : fs::directory_iterator(layout_.anchors)) {
         if (anchor.path().filename() != "other.crt")
             fs::remove(anchor.path());
     }
     const Outcome removed = store().remove(authority().root());
-    EXPECT_TRUE(removed.succeeded) << removed.text;
+    EXPECT_TRUE(removed.succeeded()) << removed.text;
     EXPECT_THAT(removed.text, HasSubstr("removed"));
     EXPECT_FALSE(isTrusted(authority().rootFile()));
     EXPECT_EQ(store().remove(authority().root()).text, "was not there");
 }
 
-TEST_F(DebianTrustStoreTest, RemovingTellsOfAnotherSource)
+TEST_F(DistributionTrustStoreTest, RemovingTellsOfAnotherSource)
 {
-    ASSERT_TRUE(store().add(authority().root()).succeeded);
-    fs::copy_file(authority().rootFile(), fs::path(places_.anchors) / "theirs.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    fs::copy_file(authority().rootFile(), fs::path(layout_.anchors) / "theirs.crt");
     const Outcome removed = store().remove(authority().root());
-    EXPECT_FALSE(removed.succeeded);
+    EXPECT_FALSE(removed.succeeded());
     EXPECT_THAT(removed.text, HasSubstr("from another source"));
-    EXPECT_TRUE(fs::exists(fs::path(places_.anchors) / "theirs.crt")) << "not ours to delete";
+    EXPECT_TRUE(fs::exists(fs::path(layout_.anchors) / "theirs.crt")) << "not ours to delete";
 }
 
-TEST_F(DebianTrustStoreTest, AFailingCommandIsToldAndLeavesNoAnchor)
+TEST_F(DistributionTrustStoreTest, AFailingCommandIsToldAndLeavesNoAnchor)
 {
     setCommand("echo no space left; exit 3\n");
     const Outcome added = store().add(authority().root());
-    EXPECT_FALSE(added.succeeded);
-    EXPECT_EQ(added.text, places_.command + " failed (3): no space left\n");
+    EXPECT_FALSE(added.succeeded());
+    EXPECT_EQ(added.text, layout_.command[0] + " failed (3): no space left\n");
     EXPECT_EQ(runs(), 1U);
-    EXPECT_TRUE(contentOf(places_.anchors).empty()) << "or it would be trusted at the next update after all";
+    EXPECT_TRUE(contentOf(layout_.anchors).empty()) << "or it would be trusted at the next update after all";
 }
 
-TEST_F(DebianTrustStoreTest, ACommandThatCannotBeStartedIsTold)
+TEST_F(DistributionTrustStoreTest, ACommandThatCannotBeStartedIsTold)
 {
-    places_.command = directory_ / "missing";
+    layout_.command = {directory_ / "missing"};
     EXPECT_THAT(store().add(authority().root()).text, HasSubstr("could not be started"));
-    EXPECT_TRUE(contentOf(places_.anchors).empty());
+    EXPECT_TRUE(contentOf(layout_.anchors).empty());
 }
 
-TEST_F(DebianTrustStoreTest, ACommandThatLeavesItOutIsFoundOut)
+TEST_F(DistributionTrustStoreTest, ACommandThatLeavesItOutIsFoundOut)
 {
     setCommand("exit 0\n");
     const Outcome added = store().add(authority().root());
-    EXPECT_FALSE(added.succeeded);
+    EXPECT_FALSE(added.succeeded());
     EXPECT_THAT(added.text, HasSubstr("left the certificate out"));
 }
 
-TEST_F(DebianTrustStoreTest, AFailingHookDoesNotMatterWhereTheStoreIsRight)
+TEST_F(DistributionTrustStoreTest, AFailingHookDoesNotMatterWhereTheStoreIsRight)
 {
-    const auto script = kf::test::readFile(places_.command);
+    const auto script = kf::test::readFile(layout_.command[0]);
     std::string text(script.begin(), script.end());
     text.replace(text.find("exec "), 5, "");
-    writeFile(places_.command, text + "exit 1\n");
-    EXPECT_TRUE(store().add(authority().root()).succeeded);
+    writeFile(layout_.command[0], text + "exit 1\n");
+    EXPECT_TRUE(store().add(authority().root()).succeeded());
     EXPECT_TRUE(isTrusted(authority().rootFile()));
 }
 
-TEST_F(DebianTrustStoreTest, AnchorsDirectoryThatCannotBeWrittenIsTold)
+TEST_F(DistributionTrustStoreTest, AnchorsDirectoryThatCannotBeWrittenIsTold)
 {
-    writeFile(places_.anchors, std::string_view("a file"));
+    writeFile(layout_.anchors, std::string_view("a file"));
     const Outcome added = store().add(authority().root());
-    EXPECT_FALSE(added.succeeded);
-    EXPECT_THAT(added.text, HasSubstr("cannot write in " + places_.anchors));
+    EXPECT_FALSE(added.succeeded());
+    EXPECT_THAT(added.text, HasSubstr("cannot write in " + layout_.anchors));
     EXPECT_EQ(runs(), 0U);
 }
 
-TEST_F(DebianTrustStoreTest, WaitsForItsTurnOnlySoLong)
+TEST_F(DistributionTrustStoreTest, WaitsForItsTurnOnlySoLong)
 {
-    const kf::security::FileLock lock(places_.lock, std::chrono::seconds(0));
+    const kf::security::FileLock lock(layout_.lock, std::chrono::seconds(0));
     ASSERT_TRUE(lock.isHeld());
     for (const Outcome& outcome : {store().add(authority().root()), store().remove(authority().root())}) {
-        EXPECT_FALSE(outcome.succeeded);
+        EXPECT_FALSE(outcome.succeeded());
         EXPECT_THAT(outcome.text, HasSubstr("keeps it locked"));
     }
-    EXPECT_FALSE(fs::exists(places_.anchors));
+    EXPECT_FALSE(fs::exists(layout_.anchors));
     EXPECT_EQ(runs(), 0U);
 }
 

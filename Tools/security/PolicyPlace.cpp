@@ -1,0 +1,86 @@
+#include "security/PolicyPlace.h"
+
+#include "security/CertificateFile.h"
+#include "security/FileTools.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace kf::security {
+
+namespace {
+
+constexpr const char* userWord = "for ";
+
+std::string userLine(const Bytes& certificate) { return userWord + digestText(certificate); }
+
+/// The record's last word, whatever came of the change.
+Outcome finish(Outcome outcome, Record& record)
+{
+    if (!record.hasPrefix(userWord))
+        record.removeDirectories();
+    const std::string error = record.save();
+    return error.empty() || !outcome.succeeded() ? outcome : failed(error);
+}
+
+} // namespace
+
+Outcome PolicyPlace::add(const Bytes& certificate)
+{
+    if (!isPresent())
+        return notPresent();
+    const FileLock lock(files_.lock, files_.patience);
+    if (!lock.isHeld())
+        return failed("another program keeps it locked (" + files_.lock + ")");
+    Record record(files_.record);
+    const Record before = record;
+    PolicyFile file(files_.policies, record);
+    for (const PolicyEntry& entry : entriesFor(certificate, file))
+        file.put(entry);
+    if (!file.error().empty())
+        return failed(file.error());
+    record.add(userLine(certificate));
+    const bool isChanged = file.isChanged();
+    std::string error = record.prepare();
+    if (error.empty())
+        error = prepare(certificate, record);
+    if (error.empty())
+        error = file.save();
+    if (!error.empty()) {
+        record.takeBack(before);
+        return finish(failed(error), record);
+    }
+    const std::string where = " (" + files_.policies + ")";
+    return finish(afterAdding(isChanged ? done("installed" + where) : unchanged("was there already" + where)), record);
+}
+
+Outcome PolicyPlace::remove(const Bytes& certificate)
+{
+    const FileLock lock(files_.lock, files_.patience);
+    if (!lock.isHeld())
+        return failed("another program keeps it locked (" + files_.lock + ")");
+    Record record(files_.record);
+    PolicyFile file(files_.policies, record);
+    std::vector<PolicyEntry> entries = everyEntryFor(certificate);
+    const auto isHeld = [&](const PolicyEntry& entry) { return file.holds(entry); };
+    const bool hadEntries = std::ranges::any_of(entries, isHeld);
+    if (!hadEntries && !record.has(userLine(certificate)) && file.error().empty())
+        return isPresent() ? unchanged("was not there") : notPresent();
+    record.erase(userLine(certificate));
+    if (!record.hasPrefix(userWord))
+        std::ranges::copy(everySharedEntry(), std::back_inserter(entries));
+    std::ranges::for_each(entries, [&](const PolicyEntry& entry) { file.take(entry); });
+    std::string error = file.save();
+    if (error.empty())
+        error = cleanUp(certificate);
+    if (!error.empty())
+        return failed(error);
+    return finish(afterRemoving(done("removed (" + files_.policies + ")"), hadEntries), record);
+}
+
+std::string PolicyPlace::prepare(const Bytes&, Record&) const { return {}; }
+std::string PolicyPlace::cleanUp(const Bytes&) const { return {}; }
+Outcome PolicyPlace::afterAdding(Outcome outcome) const { return outcome; }
+Outcome PolicyPlace::afterRemoving(Outcome outcome, bool) const { return outcome; }
+
+} // namespace kf::security
