@@ -63,6 +63,7 @@ using ScopedX509_STORE_CTX = std::unique_ptr<X509_STORE_CTX, OpenSSLDeleter<X509
 using ScopedOSSL_LIB_CTX = std::unique_ptr<OSSL_LIB_CTX, OpenSSLDeleter<OSSL_LIB_CTX_free>>;
 /// A number that is wiped: part of a private key.
 using ScopedSecretBIGNUM = std::unique_ptr<BIGNUM, OpenSSLDeleter<BN_clear_free>>;
+using ScopedBN_CTX = std::unique_ptr<BN_CTX, OpenSSLDeleter<BN_CTX_free>>;
 using ScopedEVP_CIPHER = std::unique_ptr<EVP_CIPHER, OpenSSLDeleter<EVP_CIPHER_free>>;
 using ScopedPBEPARAM = std::unique_ptr<PBEPARAM, OpenSSLDeleter<PBEPARAM_free>>;
 using ScopedPBE2PARAM = std::unique_ptr<PBE2PARAM, OpenSSLDeleter<PBE2PARAM_free>>;

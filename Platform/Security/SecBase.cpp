@@ -59,7 +59,7 @@ Ref<NSString> securityErrorText(OSStatus status)
     case errSecBufferTooSmall:
         return "The room for the result is too small."_ns;
     case errSecDataTooLarge:
-        return "The data is too large."_ns;
+        return "The file is too large, holds too many certificates or keys, or asks for too much time or memory."_ns;
     case errSecNoSuchAttr:
         return "Items of this kind have no such attribute."_ns;
     case errSecInvalidItemRef:

@@ -141,7 +141,9 @@ struct SecKeyImportExportParameters {
 /// errSecDataNotAvailable (no data, or no key or certificate in the bundle),
 /// errSecPassphraseRequired (nil pass phrase), errSecPkcs12VerifyFailure (wrong
 /// pass phrase), errSecDecode (damaged), errSecUnknownFormat (no PKCS#12),
-/// errSecUnsupportedKeyFormat (algorithms that this system lacks),
+/// errSecUnsupportedKeyFormat (algorithms that this system lacks, a signature in
+/// place of the MAC), errSecDataTooLarge (above 16 MiB, 64 certificates, 8 copies
+/// of the key, 10 million iterations of key derivation, or 32 MiB for scrypt),
 /// errSecNoCertificate (no certificate belongs to the key),
 /// errSecMultiplePrivKeys, and the keychain's own. Any thread; a bundle with
 /// many iterations takes seconds, so not the thread of an interface.

@@ -4,10 +4,14 @@
 #include "Security/ScopedOpenSSL.h"
 
 #include <algorithm>
+#include <limits>
+#include <list>
+#include <map>
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
 #include <openssl/ec.h>
 #include <openssl/objects.h>
+#include <set>
 
 namespace kf::keychain {
 
@@ -16,9 +20,11 @@ namespace {
 using Span = std::span<const std::uint8_t>;
 
 constexpr std::size_t largestBundle = 16U << 20U;
-/// Of all key derivations of a bundle together: some seconds. Bundles in use have some thousand to some hundred
-/// thousand.
+/// Of all key derivations of a bundle together: ten seconds at worst. Bundles in use have some thousand to some
+/// million.
 constexpr std::int64_t mostIterations = 10'000'000;
+/// What one scrypt derivation may fill: as much as OpenSSL grants.
+constexpr std::int64_t largestScryptMemory = std::int64_t{32} << 20U;
 constexpr int deepestNesting = 4;
 constexpr int largestRSAKey = 16384;
 
@@ -53,6 +59,7 @@ struct Contents {
     };
     struct Certificate {
         Bytes der;
+        CertificateFields fields; ///< points into the bytes, which stay where they are when this is moved
         ScopedX509 x509;
         Bytes localId;
         std::string friendlyName;
@@ -63,12 +70,15 @@ struct Contents {
 
 // --- What the algorithms cost, and whether they are there ---
 
-std::int64_t numberOf(const ASN1_INTEGER* integer)
+/// A count of at least 1, the largest there is where it would not fit; nothing where it is none.
+std::optional<std::int64_t> countOf(const ASN1_INTEGER* integer)
 {
-    std::int64_t number = 0;
-    if (!integer || ASN1_INTEGER_get_int64(&number, integer) != 1 || number < 0)
-        return mostIterations + 1;
-    return number;
+    if (!integer || ASN1_STRING_type(integer) != V_ASN1_INTEGER)
+        return std::nullopt;
+    std::int64_t count = 0;
+    if (ASN1_INTEGER_get_int64(&count, integer) != 1)
+        return std::numeric_limits<std::int64_t>::max();
+    return count > 0 ? std::optional(count) : std::nullopt;
 }
 
 template <class T>
@@ -96,53 +106,93 @@ bool hasCipher(int id)
     return cipher != nullptr;
 }
 
-/// How a safe or a key is encrypted (PKCS#5, or RFC 7292 appendix C).
-struct Encryption {
-    bool supported = false;
-    std::int64_t iterations = 0;
-};
+/// What a key derivation costs, in iterations.
+using Cost = Result<std::int64_t>;
 
-std::int64_t scryptCost(const SCRYPT_PARAMS* parameters)
+Cost iterationCost(const ASN1_INTEGER* iterations)
 {
-    const std::int64_t factors[] = {numberOf(parameters->costParameter), numberOf(parameters->blockSize),
-        numberOf(parameters->parallelizationParameter)};
-    std::int64_t cost = 1;
-    for (const auto factor : factors)
-        cost = factor > mostIterations / cost ? mostIterations : cost * std::max<std::int64_t>(factor, 1);
-    return cost;
+    const auto count = countOf(iterations);
+    return count ? Cost(*count) : Cost(Failure{errSecDecode});
 }
 
-Encryption encryptionPBES2(const X509_ALGOR* algorithm)
+/// RFC 7914. One pass over a block is taken for one iteration.
+Cost scryptCost(const SCRYPT_PARAMS* parameters)
+{
+    const auto rounds = countOf(parameters->costParameter);
+    const auto blockSize = countOf(parameters->blockSize);
+    const auto lanes = countOf(parameters->parallelizationParameter);
+    if (!rounds || !blockSize || !lanes)
+        return Failure{errSecDecode};
+    // None of them can be larger; kept small, their products fit.
+    if (std::max({*rounds, *blockSize, *lanes}) > largestScryptMemory / 128
+        || 128 * *blockSize * (*rounds + *lanes + 2) > largestScryptMemory)
+        return Failure{errSecDataTooLarge};
+    // Without a pass phrase it only looks at the numbers.
+    if (EVP_PBE_scrypt(nullptr, 0, nullptr, 0, static_cast<std::uint64_t>(*rounds),
+            static_cast<std::uint64_t>(*blockSize), static_cast<std::uint64_t>(*lanes), 0, nullptr, 0)
+        != 1)
+        return Failure{errSecDecode};
+    return *rounds * *blockSize * *lanes;
+}
+
+/// PKCS#5 (RFC 8018, 6.2).
+Cost schemeCost(const X509_ALGOR* algorithm)
 {
     const ScopedPBE2PARAM scheme(unpackParameter<PBE2PARAM>(algorithm, ASN1_ITEM_rptr(PBE2PARAM)));
-    if (!scheme || !hasCipher(algorithmId(scheme->encryption)))
-        return {};
-    if (algorithmId(scheme->keyfunc) == NID_id_pbkdf2) {
+    if (!scheme)
+        return Failure{errSecDecode};
+    if (!hasCipher(algorithmId(scheme->encryption)))
+        return Failure{errSecUnsupportedKeyFormat};
+    switch (algorithmId(scheme->keyfunc)) {
+    case NID_id_pbkdf2: {
         const ScopedPBKDF2PARAM function(unpackParameter<PBKDF2PARAM>(scheme->keyfunc, ASN1_ITEM_rptr(PBKDF2PARAM)));
         if (!function)
-            return {};
+            return Failure{errSecDecode};
         const int prf = function->prf ? algorithmId(function->prf) : NID_hmacWithSHA1;
-        return {EVP_PBE_find(EVP_PBE_TYPE_PRF, prf, nullptr, nullptr, nullptr) == 1, numberOf(function->iter)};
+        if (EVP_PBE_find(EVP_PBE_TYPE_PRF, prf, nullptr, nullptr, nullptr) != 1)
+            return Failure{errSecUnsupportedKeyFormat};
+        return iterationCost(function->iter);
     }
-    if (algorithmId(scheme->keyfunc) == NID_id_scrypt) {
+    case NID_id_scrypt: {
         const ScopedSCRYPT_PARAMS function(
             unpackParameter<SCRYPT_PARAMS>(scheme->keyfunc, ASN1_ITEM_rptr(SCRYPT_PARAMS)));
-        return function ? Encryption{true, scryptCost(function.get())} : Encryption{};
+        return function ? scryptCost(function.get()) : Cost(Failure{errSecDecode});
     }
-    return {};
+    default:
+        return Failure{errSecUnsupportedKeyFormat};
+    }
 }
 
-Encryption encryptionOf(const X509_ALGOR* algorithm)
+/// What opening a safe or a key costs; errSecUnsupportedKeyFormat where this system cannot.
+Cost decryptionCost(const X509_ALGOR* algorithm)
 {
     const int id = algorithmId(algorithm);
     if (id == NID_pbes2)
-        return encryptionPBES2(algorithm);
+        return schemeCost(algorithm);
+    // RFC 7292, appendix C.
     int cipher = NID_undef;
     if (EVP_PBE_find(EVP_PBE_TYPE_OUTER, id, &cipher, nullptr, nullptr) != 1 || !hasCipher(cipher))
-        return {};
+        return Failure{errSecUnsupportedKeyFormat};
     const ScopedPBEPARAM parameters(unpackParameter<PBEPARAM>(algorithm, ASN1_ITEM_rptr(PBEPARAM)));
-    return {parameters != nullptr, parameters ? numberOf(parameters->iter) : 0};
+    return parameters ? iterationCost(parameters->iter) : Cost(Failure{errSecDecode});
 }
+
+/// What may still be spent on one bundle.
+class Budget {
+public:
+    Status pay(const Cost& cost)
+    {
+        if (!cost)
+            return cost.failure();
+        if (*cost > left_)
+            return Failure{errSecDataTooLarge};
+        left_ -= *cost;
+        return {};
+    }
+
+private:
+    std::int64_t left_ = mostIterations;
+};
 
 // --- Opening the safes ---
 
@@ -156,10 +206,19 @@ Bytes localIdOf(const PKCS12_SAFEBAG* bag)
     return {bytes, bytes + ASN1_STRING_length(octets)};
 }
 
-std::string friendlyNameOf(PKCS12_SAFEBAG* bag)
+/// UTF-8; empty where there is none. OpenSSL's own call for this loses names that end in a character of three bytes: it
+/// takes what is left of the name for the room that is left, so there has to be a terminator.
+std::string friendlyNameOf(const PKCS12_SAFEBAG* bag)
 {
-    const ScopedOpenSSLText name(PKCS12_get_friendlyname(bag));
-    return name ? std::string(name.get()) : std::string();
+    const ASN1_TYPE* attribute = PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName);
+    if (!attribute || attribute->type != V_ASN1_BMPSTRING)
+        return {};
+    const auto* characters = ASN1_STRING_get0_data(attribute->value.bmpstring);
+    Bytes terminated(characters, characters + ASN1_STRING_length(attribute->value.bmpstring));
+    terminated.insert(terminated.end(), 2, 0);
+    const ScopedOpenSSLText text(OPENSSL_uni2utf8(terminated.data(), static_cast<int>(terminated.size())));
+    // What is no UTF-16 comes back as bytes of any kind.
+    return text && NSString::stringWithUTF8String(text.get()) ? std::string(text.get()) : std::string();
 }
 
 Bytes derOf(const X509* certificate)
@@ -172,12 +231,36 @@ Bytes derOf(const X509* certificate)
     return der;
 }
 
+bool isKnownCurve(int curve)
+{
+    return curve == NID_X9_62_prime256v1 || curve == NID_secp384r1 || curve == NID_secp521r1;
+}
+
+/// Whether the database takes keys of this kind, whatever their numbers.
+bool isKnownKind(const PKCS8_PRIV_KEY_INFO* info)
+{
+    const X509_ALGOR* algorithm = nullptr;
+    if (PKCS8_pkey_get0(nullptr, nullptr, nullptr, &algorithm, info) != 1)
+        return false;
+    const void* parameter = nullptr;
+    int type = 0;
+    X509_ALGOR_get0(nullptr, &type, &parameter, algorithm);
+    switch (algorithmId(algorithm)) {
+    case NID_rsaEncryption:
+        return true;
+    case NID_X9_62_id_ecPublicKey:
+        return type == V_ASN1_OBJECT && isKnownCurve(OBJ_obj2nid(static_cast<const ASN1_OBJECT*>(parameter)));
+    default:
+        return false;
+    }
+}
+
 /// Takes everything out of a bundle that one pass phrase opens. Where `isTrial`
 /// is set, what cannot be opened is passed over, to see whether anything can.
 class SafeReader {
 public:
-    SafeReader(const char* passphrase, int length, bool isTrial) noexcept
-        : passphrase_(passphrase), length_(length), isTrial_(isTrial)
+    SafeReader(const char* passphrase, int length, Budget& budget, bool isTrial) noexcept
+        : passphrase_(passphrase), length_(length), budget_(budget), isTrial_(isTrial)
     {
     }
 
@@ -194,6 +277,8 @@ public:
 
     /// Whether anything encrypted was opened.
     bool openedAny() const noexcept { return opened_ > 0; }
+    /// Whether the pass phrase failed to open something, and opened nothing.
+    bool failedToOpen() const noexcept { return refused_ > 0 && opened_ == 0; }
     /// Whether a safe or a key is encrypted in a way that this system lacks.
     bool metUnsupported() const noexcept { return metUnsupported_; }
     Contents takeContents() noexcept { return std::move(contents_); }
@@ -219,10 +304,8 @@ private:
         const ScopedSafeBagStack bags(static_cast<STACK_OF(PKCS12_SAFEBAG)*>(
             PKCS12_item_decrypt_d2i_ex(content->algorithm, ASN1_ITEM_rptr(PKCS12_SAFEBAGS), passphrase_, length_,
                 content->enc_data, 1, LibraryContext::get(), nullptr)));
-        if (!bags)
-            return Failure{errSecDecode};
-        ++opened_;
-        return readBags(bags.get(), 0);
+        ++(bags ? opened_ : refused_);
+        return bags ? readBags(bags.get(), 0) : Status(Failure{errSecDecode});
     }
 
     Status readBags(const STACK_OF(PKCS12_SAFEBAG) * bags, int depth)
@@ -260,17 +343,17 @@ private:
             return affordable;
         const ScopedPKCS8_PRIV_KEY_INFO info(
             PKCS8_decrypt_ex(shrouded, passphrase_, length_, LibraryContext::get(), nullptr));
-        if (!info)
-            return Failure{errSecDecode};
-        ++opened_;
-        return readKey(bag, info.get());
+        ++(info ? opened_ : refused_);
+        return info ? readKey(bag, info.get()) : Status(Failure{errSecDecode});
     }
 
     Status readKey(PKCS12_SAFEBAG* bag, const PKCS8_PRIV_KEY_INFO* info)
     {
+        if (contents_.keys.size() == mostBundleKeys)
+            return Failure{errSecDataTooLarge};
         ScopedEVP_PKEY key(EVP_PKCS82PKEY_ex(info, LibraryContext::get(), nullptr));
         if (!key)
-            return Failure{errSecUnsupportedKeyFormat};
+            return Failure{isKnownKind(info) ? errSecDecode : errSecUnsupportedKeyFormat};
         contents_.keys.push_back({std::move(key), localIdOf(bag), friendlyNameOf(bag)});
         return {};
     }
@@ -279,47 +362,63 @@ private:
     {
         if (PKCS12_SAFEBAG_get_bag_nid(bag) != NID_x509Certificate)
             return {};
+        if (contents_.certificates.size() == mostBundleCertificates)
+            return Failure{errSecDataTooLarge};
         ScopedX509 certificate(PKCS12_SAFEBAG_get1_cert(bag));
         if (!certificate)
             return Failure{errSecDecode};
         Bytes der = derOf(certificate.get());
-        if (!readCertificateFields(der))
+        auto fields = readCertificateFields(der);
+        if (!fields)
             return Failure{errSecDecode};
-        contents_.certificates.push_back({std::move(der), std::move(certificate), localIdOf(bag), friendlyNameOf(bag)});
+        contents_.certificates.push_back(
+            {std::move(der), std::move(*fields), std::move(certificate), localIdOf(bag), friendlyNameOf(bag)});
         return {};
     }
 
     /// Refuses what this system lacks, and what would keep it busy for minutes.
     Status pay(const X509_ALGOR* algorithm)
     {
-        const Encryption encryption = encryptionOf(algorithm);
-        if (!encryption.supported) {
-            metUnsupported_ = true;
-            return Failure{errSecUnsupportedKeyFormat};
-        }
-        if (encryption.iterations > mostIterations - iterations_)
-            return Failure{errSecDataTooLarge};
-        iterations_ += encryption.iterations;
-        return {};
+        const auto paid = budget_.pay(decryptionCost(algorithm));
+        metUnsupported_ |= paid.status() == errSecUnsupportedKeyFormat;
+        return paid;
     }
 
     const char* passphrase_;
     int length_;
+    Budget& budget_;
     bool isTrial_;
     bool metUnsupported_ = false;
     int opened_ = 0;
-    std::int64_t iterations_ = 0;
+    int refused_ = 0;
     Contents contents_;
 };
 
-/// The bundle's outermost structure: SEQUENCE { version 3, ... }. Tells a damaged bundle from something else.
-bool looksLikeBundle(Span data)
+bool startsWith(Span data, Span head)
+{
+    return data.size() >= head.size() && std::ranges::equal(data.first(head.size()), head);
+}
+
+/// What follows the head of a SEQUENCE, of indefinite length too; empty where there is none.
+Span insideSequence(Span data)
 {
     if (data.size() < 2 || data[0] != 0x30)
-        return false;
+        return {};
     const std::size_t head = data[1] <= 0x80 ? 2 : 2 + (data[1] & 0x7fU);
-    constexpr std::array<std::uint8_t, 3> version = {0x02, 0x01, 0x03};
-    return data.size() >= head + version.size() && std::ranges::equal(data.subspan(head, version.size()), version);
+    return data.subspan(std::min(head, data.size()));
+}
+
+/// The INTEGER 3, which every bundle starts with. Tells a damaged bundle from something else.
+constexpr std::array<std::uint8_t, 3> version = {0x02, 0x01, 0x03};
+
+bool looksLikeBundle(Span data) { return startsWith(insideSequence(data), version); }
+
+/// Whether a signature takes the place of the seal (RFC 7292, 3.1); OpenSSL does not tell.
+bool isSigned(Span bundle)
+{
+    constexpr std::array<std::uint8_t, 11> signedData = {
+        0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x02};
+    return startsWith(insideSequence(insideSequence(bundle).subspan(version.size())), signedData);
 }
 
 Result<ScopedPKCS12> decodeBundle(Span data)
@@ -340,34 +439,36 @@ Result<ScopedPKCS12> decodeBundle(Span data)
     ScopedPKCS12 bundle(decoded);
     if (place != data.data() + data.size())
         return Failure{errSecDecode};
+    if (isSigned(data))
+        return Failure{errSecUnsupportedKeyFormat};
     return bundle;
 }
 
 enum class Seal : std::uint8_t { intact, broken, absent };
 
-Result<Seal> checkSeal(PKCS12* bundle, const char* passphrase, int length)
+Result<Seal> checkSeal(PKCS12* bundle, const char* passphrase, int length, Budget& budget)
 {
     if (PKCS12_mac_present(bundle) != 1)
         return Seal::absent;
     const X509_ALGOR* algorithm = nullptr;
     const ASN1_INTEGER* iterations = nullptr;
     PKCS12_get0_mac(nullptr, &algorithm, nullptr, &iterations, bundle);
-    if (iterations && numberOf(iterations) > mostIterations)
-        return Failure{errSecDataTooLarge};
+    if (const auto paid = budget.pay(iterations ? iterationCost(iterations) : Cost(1)); !paid)
+        return paid.failure();
     const ScopedEVP_MD digest(EVP_MD_fetch(LibraryContext::get(), OBJ_nid2sn(algorithmId(algorithm)), nullptr));
     if (!digest)
         return Failure{errSecUnsupportedKeyFormat};
     return PKCS12_verify_mac(bundle, passphrase, length) == 1 ? Seal::intact : Seal::broken;
 }
 
-/// Everything in the bundle, its integrity proven. A broken seal comes from the wrong pass phrase or from damage:
-/// where anything opens, the pass phrase was right.
-Result<Contents> openBundle(PKCS12* bundle, const char* passphrase, int length)
+/// Everything in the bundle. A broken seal comes from the wrong pass phrase or from damage: where anything opens, the
+/// pass phrase was right. A bundle may lack the seal: then the pass phrase is proven by what it opens.
+Result<Contents> openBundle(PKCS12* bundle, const char* passphrase, int length, Budget& budget)
 {
-    const auto seal = checkSeal(bundle, passphrase, length);
+    const auto seal = checkSeal(bundle, passphrase, length, budget);
     if (!seal)
         return seal.failure();
-    SafeReader reader(passphrase, length, *seal == Seal::broken);
+    SafeReader reader(passphrase, length, budget, *seal == Seal::broken);
     const auto read = reader.read(bundle);
     if (*seal == Seal::broken) {
         if (!read)
@@ -377,9 +478,7 @@ Result<Contents> openBundle(PKCS12* bundle, const char* passphrase, int length)
         return Failure{reader.metUnsupported() ? errSecUnsupportedKeyFormat : errSecPkcs12VerifyFailure};
     }
     if (!read)
-        return Failure{*seal == Seal::absent && read.status() == errSecDecode && !reader.openedAny()
-                ? errSecPkcs12VerifyFailure
-                : read.status()};
+        return Failure{*seal == Seal::absent && reader.failedToOpen() ? errSecPkcs12VerifyFailure : read.status()};
     return reader.takeContents();
 }
 
@@ -434,7 +533,7 @@ Status takeEC(EVP_PKEY* source, PrivateKey& key)
     if (EVP_PKEY_get_utf8_string_param(source, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group, nullptr) != 1)
         return Failure{errSecUnsupportedKeyFormat};
     const int curve = OBJ_txt2nid(group);
-    if (curve != NID_X9_62_prime256v1 && curve != NID_secp384r1 && curve != NID_secp521r1)
+    if (!isKnownCurve(curve))
         return Failure{errSecUnsupportedKeyFormat};
     EVP_PKEY_set_utf8_string_param(source, OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT, "uncompressed");
     std::size_t length = 0;
@@ -463,13 +562,51 @@ Status takeKey(EVP_PKEY* source, PrivateKey& key)
     }
 }
 
-/// Whether what the private key signs is what the certificate's public key verifies. Comparing the public halves is
-/// not enough: a damaged private half would go unnoticed until it is used.
-bool keysFit(EVP_PKEY* privateKey, const X509* certificate)
+/// Whether the numbers of an RSA key belong together (RFC 8017, 3.2). Signing would not tell: OpenSSL makes good with
+/// some of them what is wrong with others. Its own check proves the primes too, a minute's work for the largest keys.
+bool fitTogether(const PrivateKey& key)
 {
-    EVP_PKEY* const publicKey = X509_get0_pubkey(certificate);
-    if (!publicKey || EVP_PKEY_eq(publicKey, privateKey) != 1)
+    const auto number = [&key](Span bytes) {
+        // Longer ones would only take time.
+        const bool isShort = bytes.size() <= key.publicValue.size();
+        return ScopedSecretBIGNUM(isShort ? BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr) : nullptr);
+    };
+    const auto n = number(key.publicValue);
+    const auto e = number(key.publicExponent);
+    const auto d = number(key.privateValue);
+    const auto p = number(key.prime1);
+    const auto q = number(key.prime2);
+    const auto dp = number(key.exponent1);
+    const auto dq = number(key.exponent2);
+    const auto inverse = number(key.coefficient);
+    const ScopedSecretBIGNUM result(BN_new());
+    const ScopedBN_CTX scratch(BN_CTX_new());
+    if (!n || !e || !d || !p || !q || !dp || !dq || !inverse || !result || !scratch)
         return false;
+    const auto areInverse = [&](const BIGNUM* a, const BIGNUM* b, const BIGNUM* modulus) {
+        return BN_mod_mul(result.get(), a, b, modulus, scratch.get()) == 1 && BN_is_one(result.get());
+    };
+    const auto fits = [&](const BIGNUM* prime, const BIGNUM* exponent) {
+        const ScopedSecretBIGNUM order(BN_dup(prime));
+        return order && BN_sub_word(order.get(), 1) == 1 && areInverse(d.get(), e.get(), order.get())
+            && BN_nnmod(result.get(), d.get(), order.get(), scratch.get()) == 1 && BN_cmp(result.get(), exponent) == 0;
+    };
+    return BN_mul(result.get(), p.get(), q.get(), scratch.get()) == 1 && BN_cmp(result.get(), n.get()) == 0
+        && fits(p.get(), dp.get()) && fits(q.get(), dq.get()) && areInverse(q.get(), inverse.get(), p.get());
+}
+
+/// Whether the key is whole, as far as numbers tell.
+bool isSound(EVP_PKEY* source, const PrivateKey& key)
+{
+    if (key.kind == PrivateKey::Kind::rsa)
+        return fitTogether(key);
+    const ScopedEVP_PKEY_CTX context(EVP_PKEY_CTX_new_from_pkey(LibraryContext::get(), source, nullptr));
+    return context && EVP_PKEY_check(context.get()) == 1;
+}
+
+/// Whether what the private key signs is what the certificate's public key verifies.
+bool signsFor(EVP_PKEY* privateKey, const X509* certificate)
+{
     constexpr std::array<std::uint8_t, 16> message = {};
     const ScopedEVP_MD_CTX signing(EVP_MD_CTX_new());
     std::size_t length = 0;
@@ -481,6 +618,7 @@ bool keysFit(EVP_PKEY* privateKey, const X509* certificate)
     if (EVP_DigestSign(signing.get(), signature.data(), &length, message.data(), message.size()) != 1)
         return false;
     const ScopedEVP_MD_CTX verifying(EVP_MD_CTX_new());
+    EVP_PKEY* const publicKey = X509_get0_pubkey(certificate);
     return EVP_DigestVerifyInit_ex(verifying.get(), nullptr, "SHA256", nullptr, nullptr, publicKey, nullptr) == 1
         && EVP_DigestVerify(verifying.get(), signature.data(), length, message.data(), message.size()) == 1;
 }
@@ -488,12 +626,13 @@ bool keysFit(EVP_PKEY* privateKey, const X509* certificate)
 // --- Putting the bundle together ---
 
 /// The certificate of the key; the one that the bundle itself ties to it, where several fit.
-Contents::Certificate* findLeaf(Contents& contents)
+const Contents::Certificate* findLeaf(const Contents& contents)
 {
     const Contents::Key& key = contents.keys.front();
-    Contents::Certificate* leaf = nullptr;
-    for (auto& certificate : contents.certificates) {
-        if (!keysFit(key.key.get(), certificate.x509.get()))
+    const Contents::Certificate* leaf = nullptr;
+    for (const auto& certificate : contents.certificates) {
+        const EVP_PKEY* const publicKey = X509_get0_pubkey(certificate.x509.get());
+        if (!publicKey || EVP_PKEY_eq(publicKey, key.key.get()) != 1)
             continue;
         const bool isTied = !key.localId.empty() && certificate.localId == key.localId;
         if (isTied || !leaf)
@@ -510,33 +649,28 @@ std::string labelOf(const std::string& friendlyName, const CertificateFields& fi
     return label.empty() ? cleanLabel(fields.label) : label;
 }
 
-BundleCertificate bundleCertificate(const Contents::Certificate& certificate)
-{
-    const auto fields = readCertificateFields(certificate.der);
-    return {certificate.der, fields ? labelOf(certificate.friendlyName, *fields) : std::string()};
-}
-
+/// The other certificates, each once: up from the leaf's issuer, and where that ends, from the first that is left.
 std::vector<BundleCertificate> chainOf(const Contents& contents, const Contents::Certificate& leaf)
 {
-    std::vector<const Contents::Certificate*> rest;
-    for (const auto& certificate : contents.certificates) {
-        const bool isRepeated = certificate.der == leaf.der
-            || std::ranges::any_of(rest, [&](const auto* other) { return other->der == certificate.der; });
-        if (!isRepeated)
-            rest.push_back(&certificate);
-    }
+    using Rest = std::list<const Contents::Certificate*>;
+    const auto isBefore = [](const X509_NAME* a, const X509_NAME* b) { return X509_NAME_cmp(a, b) < 0; };
+    Rest rest;
+    std::multimap<const X509_NAME*, Rest::iterator, decltype(isBefore)> bySubject(isBefore);
+    std::set<Digest> seen = {sha256(leaf.der)};
+    for (const auto& certificate : contents.certificates)
+        if (seen.insert(sha256(certificate.der)).second)
+            bySubject.emplace(X509_get_subject_name(certificate.x509.get()), rest.insert(rest.end(), &certificate));
     std::vector<BundleCertificate> chain;
     const Contents::Certificate* below = &leaf;
     while (!rest.empty()) {
-        auto next = std::ranges::find_if(rest, [&](const auto* candidate) {
-            return X509_NAME_cmp(X509_get_subject_name(candidate->x509.get()), X509_get_issuer_name(below->x509.get()))
-                == 0;
-        });
-        if (next == rest.end())
-            next = rest.begin();
-        below = *next;
-        chain.push_back(bundleCertificate(*below));
-        rest.erase(next);
+        // Of several with one name, the first in the bundle.
+        auto [next, last] = bySubject.equal_range(X509_get_issuer_name(below->x509.get()));
+        if (next == last)
+            next = bySubject.lower_bound(X509_get_subject_name(rest.front()->x509.get()));
+        below = *next->second;
+        chain.push_back({below->der, labelOf(below->friendlyName, below->fields)});
+        rest.erase(next->second);
+        bySubject.erase(next);
     }
     return chain;
 }
@@ -552,15 +686,17 @@ Result<Bundle> assemble(Contents contents)
     Bundle bundle;
     if (const auto taken = takeKey(first.key.get(), bundle.key); !taken)
         return taken.failure();
+    if (!isSound(first.key.get(), bundle.key))
+        return Failure{errSecDecode};
     const auto* leaf = findLeaf(contents);
     if (!leaf)
         return Failure{errSecNoCertificate};
-    const auto fields = readCertificateFields(leaf->der);
-    if (!fields)
-        return fields.failure();
-    bundle.leaf = {leaf->der, labelOf(leaf->friendlyName.empty() ? first.friendlyName : leaf->friendlyName, *fields)};
-    bundle.key.id.assign(fields->keyId.begin(), fields->keyId.end());
-    bundle.key.subject.assign(fields->subject.begin(), fields->subject.end());
+    if (!signsFor(first.key.get(), leaf->x509.get()))
+        return Failure{errSecDecode};
+    const CertificateFields& fields = leaf->fields;
+    bundle.leaf = {leaf->der, labelOf(leaf->friendlyName.empty() ? first.friendlyName : leaf->friendlyName, fields)};
+    bundle.key.id.assign(fields.keyId.begin(), fields.keyId.end());
+    bundle.key.subject.assign(fields.subject.begin(), fields.subject.end());
     bundle.key.label = bundle.leaf.label;
     bundle.chain = chainOf(contents, *leaf);
     return bundle;
@@ -579,10 +715,11 @@ Result<Bundle> readBundle(Span data, Span passphrase)
     SecretBytes terminated(passphrase.begin(), passphrase.end());
     terminated.push_back(0);
     const char* text = reinterpret_cast<const char*>(terminated.data());
-    auto contents = openBundle(bundle->get(), text, static_cast<int>(passphrase.size()));
+    Budget budget;
+    auto contents = openBundle(bundle->get(), text, static_cast<int>(passphrase.size()), budget);
     // "No pass phrase" has two encodings: the empty text and nothing at all.
     if (passphrase.empty() && contents.status() == errSecPkcs12VerifyFailure)
-        contents = openBundle(bundle->get(), nullptr, 0);
+        contents = openBundle(bundle->get(), nullptr, 0, budget);
     if (!contents)
         return contents.failure();
     return assemble(std::move(*contents));

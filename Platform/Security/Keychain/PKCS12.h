@@ -17,10 +17,14 @@ struct Bundle {
     std::vector<BundleCertificate> chain; ///< from the leaf's issuer upwards, then the rest
 };
 
+/// What one bundle may hold; keys count though all must be the same.
+inline constexpr std::size_t mostBundleCertificates = 64;
+inline constexpr std::size_t mostBundleKeys = 8;
+
 /// Reads a bundle and proves that its key belongs to its certificate. `passphrase`
 /// is UTF-8; an empty one is a pass phrase too. Takes seconds where the bundle's
-/// iteration counts are high. Errors: those of SecKeychainItemImport, and
-/// errSecDataTooLarge.
+/// iteration counts are high. A bundle without MAC is taken: the pass phrase is
+/// proven by what it opens. Errors: those of SecKeychainItemImport.
 Result<Bundle> readBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase);
 
 } // namespace kf::keychain
