@@ -42,6 +42,17 @@ TEST(Arguments, TellsWhatIsWrong)
     EXPECT_EQ(parseArguments({"-x"}, "d").error, "unknown option -x");
     EXPECT_EQ(parseArguments({"file", "-k"}, "k:").error, "option -k needs a value");
     EXPECT_EQ(parseArguments({"-dx"}, "d").error, "unknown option -x");
+    EXPECT_EQ(parseArguments({"--json"}, "d").error, "unknown option --json");
+    EXPECT_EQ(parseArguments({"file", "--nonsense", "-d"}, "dj").error, "unknown option --nonsense");
+}
+
+TEST(Arguments, AWordMayStandForALetter)
+{
+    for (const char* word : {"--json", "-j"}) {
+        const auto parsed = parseArguments({"file", word}, "hj");
+        EXPECT_EQ(parsed.error, "");
+        EXPECT_TRUE(parsed.arguments.has(kf::security::jsonLetter));
+    }
 }
 
 TEST(Arguments, NothingIsNothing)

@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -68,7 +69,8 @@ TEST_F(CommandsTest, WrongUseIsToldWithAStatusOfItsOwn)
 {
     const std::vector<std::vector<std::string>> wrong = {{}, {"nonsense"}, {"add-trusted-cert"},
         {"add-trusted-cert", "a", "b"}, {"add-trusted-cert", "-x", "a"}, {"add-trusted-cert", "a", "-k"},
-        {"add-trusted-cert", "-r", "deny", "a"}, {"remove-trusted-cert"}, {"remove-trusted-cert", "-k", "K", "a"}};
+        {"add-trusted-cert", "-r", "deny", "a"}, {"remove-trusted-cert"}, {"remove-trusted-cert", "-k", "K", "a"},
+        {"trust-status", "a", "b"}, {"trust-status", "--jsonny"}, {"remove-trusted-cert", "--json", "a"}};
     for (const auto& words : wrong) {
         EXPECT_EQ(run(words), 2);
         EXPECT_THAT(errors_, HasSubstr("usage: security"));
@@ -119,6 +121,64 @@ TEST_F(CommandsTest, WithoutRightsNothingIsChangedForEverybody)
     }
     EXPECT_EQ(run({"add-trusted-cert", "-k", "/Library/Keychains/System.keychain", authority().rootFile()}), 1);
     EXPECT_THAT(errors_, HasSubstr("/Library/Keychains/System.keychain: The Security Server denied"));
+    EXPECT_FALSE(fs::exists(home_.defaultKeychain())) << "that was known before the first write";
+}
+
+TEST_F(CommandsTest, AKeychainThatWillNotTakeItIsFoundBeforeTheFirstWrite)
+{
+    const fs::path file = home_.path() / "file";
+    kf::test::writeFile(file, std::string_view("no directory"));
+    const fs::path damaged = home_.path() / "damaged.keychain";
+    fs::create_directory(damaged);
+    for (const char* name : {"cert9.db", "key4.db"})
+        kf::test::writeFile(damaged / name, std::string_view("no database"));
+    const fs::path half = home_.path() / "half.keychain";
+    fs::create_directory(half);
+    fs::copy_file(damaged / "cert9.db", half / "cert9.db");
+    for (const fs::path& keychain : {file, file / "below", damaged, half}) {
+        EXPECT_EQ(run({"add-trusted-cert", "-k", keychain, authority().rootFile()}), 1) << keychain;
+        EXPECT_THAT(errors_, HasSubstr(keychain.string() + ": "));
+        EXPECT_EQ(output_, "");
+        EXPECT_FALSE(fs::exists(home_.defaultKeychain())) << keychain;
+    }
+}
+
+TEST_F(CommandsTest, APathOfSeveralLinesIsToldOnOne)
+{
+    const fs::path strange = home_.path() / "a\nSystem keychain: trusted\x1b[2J";
+    EXPECT_EQ(run({"add-trusted-cert", strange}), 1);
+    EXPECT_THAT(errors_, HasSubstr("a\\x0aSystem keychain: trusted\\x1b[2J: No such file or directory"));
+    EXPECT_EQ(std::ranges::count(errors_, '\n'), 1);
+    fs::copy_file(authority().rootFile(), strange);
+    EXPECT_EQ(run({"add-trusted-cert", "-k", strange.string() + ".keychain", strange}), 0);
+    EXPECT_EQ(std::ranges::count(output_, '\n'), 2) << output_;
+}
+
+TEST_F(CommandsTest, TrustStatusNamesEveryPlaceAndChangesNothing)
+{
+    ASSERT_EQ(run({"trust-status"}), 0) << errors_;
+    const std::vector<std::string> places = {"System keychain", "distribution's trust store", "Chromium",
+        "Chromium of Ubuntu", "Chrome", "Edge", "Brave", "Firefox"};
+    for (const std::string& place : places)
+        EXPECT_THAT(output_, ContainsRegex("(^|\n)" + place + ": "));
+    for (const char* flag : {"--json", "-j"}) {
+        ASSERT_EQ(run({"trust-status", flag}), 0);
+        std::vector<std::string> named;
+        const auto answer = nlohmann::json::parse(output_);
+        for (const auto& place : answer["places"])
+            named.push_back(place["place"]);
+        EXPECT_EQ(named, places);
+    }
+    EXPECT_TRUE(fs::is_empty(home_.path()));
+}
+
+TEST_F(CommandsTest, TrustStatusTellsWhereOneCertificateStands)
+{
+    ASSERT_EQ(run({"trust-status", authority().rootFile()}), 0);
+    EXPECT_THAT(output_, HasSubstr("System keychain: not there\n"));
+    ASSERT_EQ(run({"trust-status", "--json", authority().rootFile()}), 0);
+    EXPECT_EQ(nlohmann::json::parse(output_)["places"][0]["published"], false);
+    EXPECT_EQ(run({"trust-status", authority().directory() / "missing"}), 1);
 }
 
 TEST_F(CommandsTest, RefusesWhatMustNotBeTrusted)

@@ -12,6 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using kf::security::DistributionTrustStore;
+using kf::security::layoutFor;
 using kf::security::Outcome;
 using kf::test::Authority;
 using kf::test::Bytes;
@@ -242,6 +243,25 @@ TEST_F(DistributionTrustStoreTest, AnchorsDirectoryThatCannotBeWrittenIsTold)
     EXPECT_EQ(runs(), 0U);
 }
 
+TEST_F(DistributionTrustStoreTest, StatusTellsWhatHasEffect)
+{
+    EXPECT_EQ(store().status().kind, kf::security::PlaceStatus::Kind::failed) << "there is no bundle yet";
+    const Authority other("Somebody", "Other Authority");
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    auto status = store().status();
+    ASSERT_EQ(status.certificates.size(), 1U);
+    EXPECT_EQ(status.certificates[0].label, "Orvane Certification Authority");
+    EXPECT_EQ(status.others.size(), 1U);
+    EXPECT_EQ(status.text, "");
+    // As after a kill between writing and the update.
+    fs::copy_file(authority().issuerFile(), store().anchorPath(authority().issuer()));
+    status = store().status();
+    EXPECT_EQ(status.certificates.size(), 1U);
+    EXPECT_THAT(status.text, HasSubstr("has no effect"));
+}
+
 TEST_F(DistributionTrustStoreTest, WaitsForItsTurnOnlySoLong)
 {
     const kf::security::FileLock lock(layout_.lock, std::chrono::seconds(0));
@@ -252,6 +272,90 @@ TEST_F(DistributionTrustStoreTest, WaitsForItsTurnOnlySoLong)
     }
     EXPECT_FALSE(fs::exists(layout_.anchors));
     EXPECT_EQ(runs(), 0U);
+}
+
+/// The folders of a distribution that is not this one, and a command that does as its own does.
+class OtherDistributionTest : public ::testing::TestWithParam<const char*> {
+protected:
+    OtherDistributionTest()
+    {
+        std::string pattern = (fs::temp_directory_path() / "keyfold-tree-XXXXXX").string();
+        root_ = ::mkdtemp(pattern.data());
+        const auto layout = layoutFor(GetParam());
+        if (!layout)
+            throw std::runtime_error("not known");
+        layout_ = *layout;
+        for (std::string* path : {&layout_.anchors, &layout_.bundle, &layout_.command[0], &layout_.lock})
+            *path = root_ / path->substr(1);
+        for (const std::string& path : {layout_.anchors, layout_.bundle, layout_.command[0], layout_.lock})
+            fs::create_directories(fs::path(path).parent_path());
+        fs::create_directory(layout_.anchors);
+        // Both distributions' commands write a comment above each certificate.
+        writeFile(layout_.command[0],
+            "#!/bin/sh\necho \"$@\" >> " + (root_ / "words").string() + "\n: > " + layout_.bundle + "\nfor file in "
+                + layout_.anchors + "/*; do [ -e $file ] && { echo \"# $file\"; cat $file; } >> " + layout_.bundle
+                + "; done\nexit 0\n");
+        ::chmod(layout_.command[0].c_str(), 0755);
+    }
+    ~OtherDistributionTest() override { fs::remove_all(root_); }
+
+    fs::path root_;
+    DistributionTrustStore::Layout layout_;
+};
+
+TEST_P(OtherDistributionTest, AddsRemovesAndTells)
+{
+    static const Authority authority;
+    DistributionTrustStore store(layout_);
+    writeFile(layout_.anchors + "/theirs.pem", std::string_view("theirs\n"));
+    const Outcome added = store.add(authority.root());
+    EXPECT_EQ(added.kind, Outcome::Kind::done) << added.text;
+    EXPECT_TRUE(fs::exists(store.anchorPath(authority.root())));
+    EXPECT_EQ(store.add(authority.root()).kind, Outcome::Kind::unchanged);
+    ASSERT_EQ(store.status().certificates.size(), 1U);
+    EXPECT_EQ(store.remove(authority.root()).kind, Outcome::Kind::done);
+    EXPECT_EQ(store.remove(authority.root()).kind, Outcome::Kind::unchanged);
+    EXPECT_EQ(std::distance(fs::directory_iterator(layout_.anchors), fs::directory_iterator()), 1);
+    std::string words;
+    for (std::size_t index = 1; index < layout_.command.size(); ++index)
+        words += layout_.command[index];
+    const auto recorded = kf::test::readFile(root_ / "words");
+    EXPECT_EQ(std::string(recorded.begin(), recorded.end()), words + "\n" + words + "\n") << "once for each change";
+}
+
+constexpr const char* fedora = "NAME=\"Fedora Linux\"\nID=fedora\nVERSION_ID=41\n";
+constexpr const char* arch = "NAME=\"Arch Linux\"\nID=arch\n";
+constexpr const char* openSUSE =
+    "NAME=\"openSUSE Tumbleweed\"\nID=\"opensuse-tumbleweed\"\nID_LIKE=\"opensuse suse\"\n";
+INSTANTIATE_TEST_SUITE_P(Distributions, OtherDistributionTest, ::testing::Values(fedora, arch, openSUSE));
+
+TEST(DistributionLayout, IsToldByOSRelease)
+{
+    const auto anchorsOf = [](const char* text) {
+        const auto layout = layoutFor(text);
+        return layout ? layout->anchors + " *" + layout->suffix + " " + layout->command[0] : std::string();
+    };
+    const std::string debian = "/usr/local/share/ca-certificates *.crt /usr/sbin/update-ca-certificates";
+    EXPECT_EQ(anchorsOf("ID=debian\n"), debian);
+    EXPECT_EQ(anchorsOf("VERSION=\"24.04\"\nID=ubuntu\nID_LIKE=debian"), debian);
+    EXPECT_EQ(anchorsOf("ID=linuxmint\nID_LIKE=\"ubuntu debian\"\n"), debian);
+    EXPECT_EQ(anchorsOf(fedora), "/etc/pki/ca-trust/source/anchors *.pem /usr/bin/update-ca-trust");
+    EXPECT_EQ(anchorsOf("ID='rocky'\nID_LIKE='rhel centos fedora'\n"), anchorsOf(fedora));
+    EXPECT_EQ(anchorsOf(arch), "/etc/ca-certificates/trust-source/anchors *.crt /usr/bin/update-ca-trust");
+    EXPECT_EQ(anchorsOf(openSUSE), "/etc/pki/trust/anchors *.pem /usr/sbin/update-ca-certificates");
+    EXPECT_EQ(anchorsOf("ID=sles\nID_LIKE=suse\n"), anchorsOf(openSUSE));
+    for (const char* unknown : {"", "ID=gentoo\n", "NAME=debian\n", "# ID=debian\n", "VARIANT_ID=debian\n"})
+        EXPECT_EQ(anchorsOf(unknown), "");
+    EXPECT_THAT(layoutFor(fedora)->command, ::testing::ElementsAre("/usr/bin/update-ca-trust", "extract"));
+}
+
+TEST(DistributionLayout, WithoutOneAdditionsFailAndRemovalsDoNot)
+{
+    static const Authority authority;
+    DistributionTrustStore store(std::nullopt);
+    EXPECT_EQ(store.add(authority.root()).kind, Outcome::Kind::failed);
+    EXPECT_EQ(store.remove(authority.root()).kind, Outcome::Kind::notPresent);
+    EXPECT_EQ(store.status().kind, kf::security::PlaceStatus::Kind::notPresent);
 }
 
 } // namespace

@@ -118,12 +118,12 @@ int addTrustedCert(const Arguments& arguments)
     const bool isAnother = arguments.has('k') && !CFEqual(keychain, keychainOf(domain));
     if (isAnother) {
         if (const OSStatus status = statusOfWriting(keychain, read.der); status != errSecSuccess) {
-            report(shownPath(path), false, statusText(status));
+            report(shownText(path), false, statusText(status));
             return exitFailure;
         }
     }
     const int status = arguments.has('d') ? trustForEverybody(read) : trustForTheUser(read);
-    const bool isAdded = !isAnother || addToKeychain(read, shownPath(path), keychain);
+    const bool isAdded = !isAnother || addToKeychain(read, shownText(path), keychain);
     return isAdded ? status : exitFailure;
 }
 

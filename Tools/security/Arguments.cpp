@@ -23,7 +23,15 @@ ParsedArguments parseArguments(const std::vector<std::string>& words, const std:
     opterr = 0; // messages are ours
     optind = 0; // begins anew
     const std::string specification = ":" + letters;
-    for (int option; (option = ::getopt(count, vector.data(), specification.c_str())) != -1;) {
+    constexpr option noMore = {nullptr, 0, nullptr, 0};
+    const option json = {"json", no_argument, nullptr, jsonLetter};
+    const option longOptions[] = {letters.find(jsonLetter) != letters.npos ? json : noMore, noMore};
+    for (int option;
+         (option = ::getopt_long(count, vector.data(), specification.c_str(), longOptions, nullptr)) != -1;) {
+        if (option == '?' && optopt == 0) {
+            parsed.error = "unknown option " + std::string(vector[static_cast<std::size_t>(optind - 1)]);
+            return parsed;
+        }
         const std::string letter(1, static_cast<char>(optopt));
         if (option == '?') {
             parsed.error = "unknown option -" + letter;

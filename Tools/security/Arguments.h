@@ -8,6 +8,9 @@
 
 namespace kf::security {
 
+/// The letter that --json stands for, in the commands that have it.
+inline constexpr char jsonLetter = 'j';
+
 /// A command's options and operands.
 struct Arguments {
     std::map<char, std::string> options; ///< by letter; empty for one without a value; the last one given counts

@@ -153,11 +153,11 @@ Outcome ChromiumPolicy::afterAdding(Outcome outcome) const
 PlaceStatus ChromiumPolicy::status() const
 {
     if (!isPresent())
-        return {PlaceStatus::Kind::notPresent, {}, {}};
+        return {.kind = PlaceStatus::Kind::notPresent};
     Record record(files().record);
     const PolicyFile file(files().policies, record);
     if (!file.error().empty())
-        return {PlaceStatus::Kind::failed, file.error(), {}};
+        return {.kind = PlaceStatus::Kind::failed, .text = file.error()};
     PlaceStatus status;
     for (const std::string& item : file.items({certificatesKey})) {
         const Bytes der = fromBase64(item);

@@ -11,17 +11,25 @@ namespace {
 constexpr std::array commandTable = {
     Command{"add-trusted-cert", "dhk:r:", "[-d] [-r trustRoot] [-k keychain] certFile",
         "Adds a root certificate (DER or PEM) to a keychain and trusts it for servers and e-mail.\n"
-        "  -d            for everybody on this computer, in the System keychain and in the\n"
-        "                distribution's trust store; needs administrator rights\n"
+        "  -d            for everybody on this computer: in the System keychain, the distribution's\n"
+        "                trust store and the browsers' policies; needs administrator rights.\n"
+        "                Keychain and trust store decide the exit status.\n"
         "  -r trustRoot  the kind of trust; trustRoot is the default and the only one\n"
         "  -k keychain   the directory of a keychain that gets the certificate\n",
         addTrustedCert},
     Command{"remove-trusted-cert", "dh", "[-d] certFile",
         "Takes back what add-trusted-cert did for a certificate.\n"
         "  -d            for everybody on this computer; needs administrator rights. The\n"
-        "                certificate leaves the System keychain and the trust store.\n"
+        "                certificate leaves the System keychain (where it had been there\n"
+        "                before, it stays without trust), the trust store and the browsers' policies.\n"
         "                Without -d its trust is taken from it; it stays in the keychain.\n",
         removeTrustedCert},
+    Command{"trust-status", "hj", "[--json] [certFile]",
+        "Tells, place by place, which authorities this computer trusts for everybody: what the\n"
+        "System keychain trusts, and what of it stands in the distribution's trust store and in\n"
+        "the browsers' policies. With a certificate: where that one stands. Changes nothing.\n"
+        "  --json, -j    as JSON\n",
+        trustStatus},
 };
 
 const Command* find(std::string_view name)

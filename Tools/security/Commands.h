@@ -33,5 +33,6 @@ int wrongUse(std::string_view command, std::string_view error);
 // One file for each command.
 int addTrustedCert(const Arguments& arguments);
 int removeTrustedCert(const Arguments& arguments);
+int trustStatus(const Arguments& arguments);
 
 } // namespace kf::security

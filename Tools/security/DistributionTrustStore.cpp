@@ -235,11 +235,16 @@ Outcome DistributionTrustStore::remove(const Bytes& certificate)
 PlaceStatus DistributionTrustStore::status() const
 {
     PlaceStatus status;
-    if (!layout_)
-        return {PlaceStatus::Kind::notPresent, "this distribution's is not known", {}};
-    const std::set<std::string> bundle = digestsOf(layout_->bundle);
-    if (bundle.empty())
-        return {PlaceStatus::Kind::failed, "no certificate can be read from " + layout_->bundle, {}};
+    if (!layout_) {
+        status.kind = PlaceStatus::Kind::notPresent;
+        status.text = "this distribution's is not known";
+        return status;
+    }
+    status.others = digestsOf(layout_->bundle);
+    if (status.others.empty()) {
+        status.kind = PlaceStatus::Kind::failed;
+        status.text = "no certificate can be read from " + layout_->bundle;
+    }
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(layout_->anchors, ignored)) {
         const std::string name = entry.path().filename().string();
@@ -247,7 +252,7 @@ PlaceStatus DistributionTrustStore::status() const
             continue;
         const CertificateFile file = readCertificateFile(entry.path());
         const auto fields = file.der ? readCertificateFields(*file.der) : Failure{errSecUnknownFormat};
-        if (fields && bundle.contains(digestText(*file.der)))
+        if (fields && status.others.erase(digestText(*file.der)) == 1)
             status.certificates.push_back({digestText(*file.der), fields->label});
         else
             status.text += (status.text.empty() ? "" : "; ") + name + " has no effect";

@@ -79,10 +79,10 @@ FileContent notRead(int error) { return {std::nullopt, errorText(error), error =
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
-std::string shownPath(const std::string& path)
+std::string shownText(const std::string& text)
 {
     std::string shown;
-    for (const char character : path) {
+    for (const char character : text) {
         constexpr char digits[] = "0123456789abcdef";
         const auto byte = static_cast<unsigned char>(character);
         if (byte >= 0x20 && byte != 0x7F)

@@ -13,8 +13,8 @@ namespace kf::security {
 /// The system's text for an errno.
 std::string errorText(int error);
 
-/// A path as it may be shown: control characters, which could pass for lines of ours, are escaped.
-std::string shownPath(const std::string& path);
+/// A text of others as it may be shown: control characters, which could pass for lines of ours, are escaped.
+std::string shownText(const std::string& text);
 
 /// A file's whole content, or why there is none.
 struct FileContent {

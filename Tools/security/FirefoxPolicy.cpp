@@ -129,14 +129,14 @@ Outcome FirefoxPolicy::afterRemoving(Outcome outcome, bool hadEntries) const
 PlaceStatus FirefoxPolicy::status() const
 {
     if (!isPresent())
-        return {PlaceStatus::Kind::notPresent, {}, {}};
+        return {.kind = PlaceStatus::Kind::notPresent};
     Record record(files().record);
     const PolicyFile file(files().policies, record);
     if (!file.error().empty())
-        return {PlaceStatus::Kind::failed, file.error(), {}};
+        return {.kind = PlaceStatus::Kind::failed, .text = file.error()};
     PlaceStatus status;
     if (!deviceOf(file).empty())
-        status.text = "follows the distribution's trust store";
+        status.follows = "distribution's trust store";
     for (const std::string& path : file.items(installList)) {
         if (!path.starts_with(places_.certificates + "/" + publishedPrefix))
             continue;

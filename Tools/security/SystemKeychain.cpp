@@ -90,7 +90,7 @@ PlaceStatus SystemKeychain::status() const
 {
     const auto index = keychain::certificateIndex(keychain::systemKeychain()->path());
     if (!index)
-        return {PlaceStatus::Kind::failed, statusText(index.status()), {}};
+        return {.kind = PlaceStatus::Kind::failed, .text = statusText(index.status())};
     PlaceStatus status;
     for (const auto& entry : (*index)->entries()) {
         const SecCertificateRef item = certificateFrom(entry.certificate->der);

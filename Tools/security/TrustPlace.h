@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,9 +44,11 @@ struct PlaceStatus {
         failed,     ///< it cannot be read
     };
     Kind kind = Kind::readable;
-    std::string text; ///< what else is to be said; why it cannot be read
+    std::string text{};    ///< what else is to be said; why it cannot be read
+    std::string follows{}; ///< the place that this one consults, where it holds nothing itself
     /// The authorities trusted there: of the keychain all, of the others those that we published.
-    std::vector<HeldCertificate> certificates;
+    std::vector<HeldCertificate> certificates{};
+    std::set<std::string> others{}; ///< the digests of those trusted there on somebody else's account
 };
 
 /// One place that programs of the machine consult. What programs are run to

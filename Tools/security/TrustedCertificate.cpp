@@ -12,7 +12,7 @@ namespace kf::security {
 
 TrustedCertificate readOperand(const std::string& path)
 {
-    TrustedCertificate read{shownPath(path), {}, nullptr};
+    TrustedCertificate read{shownText(path), {}, nullptr};
     CertificateFile file = readCertificateFile(path);
     if (!file.der) {
         report(read.path, false, file.error);
