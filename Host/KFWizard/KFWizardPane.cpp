@@ -2,24 +2,9 @@
 
 #include "AppKit/MainThread.h"
 #include "AppKit/Text.h"
+#include "KFWizard/MessageColours.h"
 
-#include <QPalette>
-
-namespace {
-
-// The error's colour must be readable on a dark background, too. It is never
-// the only sign: the text and the status view say it as well.
-QPalette palette(const QLabel& field, bool isError)
-{
-    if (!isError)
-        return {};
-    QPalette colours = field.palette();
-    const bool dark = colours.color(QPalette::Window).lightness() < 128;
-    colours.setColor(QPalette::WindowText, dark ? QColor(0xff, 0x8a, 0x80) : QColor(0xa4, 0x00, 0x00));
-    return colours;
-}
-
-} // namespace
+#include <QAccessible>
 
 kf::PaneHost::~PaneHost() = default;
 
@@ -99,8 +84,11 @@ void KFWizardPane::show(const Ref<NSString>& message, bool isError)
     kf::performOnMainThread([&] {
         const QString text = kf::toQString(message);
         field->setTextFormat(Qt::PlainText);
-        field->setPalette(palette(*field, isError));
+        field->setPalette(isError ? kf::errorPalette(*field) : QPalette());
         field->setText(text);
+        // A screen reader says it without being asked.
+        QAccessibleEvent alert(field, QAccessible::Alert);
+        QAccessible::updateAccessibility(&alert);
         Q_EMIT messageShown(field, text, isError);
     });
 }

@@ -1,6 +1,8 @@
 #include "keyfold/Application.h"
 
 #include "AppKit/QtPresenter.h"
+#include "AppKit/Text.h"
+#include "Foundation/NSData.h"
 #include "KFWizard/KFWizardPane.h"
 #include "KFWizard/PlugIn.h"
 #include "keyfold/BatchRun.h"
@@ -71,6 +73,14 @@ QString defaultBundlePath()
         QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
 }
 
+Bytes shippedAuthority(const QString& bundlePath)
+{
+    const Ref<NSBundle> bundle = NSBundle::bundleWithPath(toNSString(bundlePath));
+    const Ref<NSString> file = bundle ? bundle->pathForResource("orvane_ca"_ns, "der"_ns) : nullptr;
+    const Ref<NSData> data = file ? NSData::dataWithContentsOfFile(file) : nullptr;
+    return data ? Bytes(data->span().begin(), data->span().end()) : Bytes();
+}
+
 bool fillWizard(WizardWindow& window, const CommandLine& line)
 {
     PlugIn plugIn(line.bundle.empty() ? defaultBundlePath() : QString::fromStdString(line.bundle));
@@ -83,7 +93,8 @@ bool fillWizard(WizardWindow& window, const CommandLine& line)
                 .arg(plugIn.reason())));
         return false;
     }
-    window.addSection()->addPane(std::make_unique<SignInPane>(line.login, line.pkcs12File));
+    window.addSection()->addPane(
+        std::make_unique<SignInPane>(line.login, line.pkcs12File, shippedAuthority(plugIn.bundlePath())));
     window.addSection()->addPane(std::move(installer));
     window.addSection()->addPane(std::make_unique<TextPane>("All Done"_ns,
         QCoreApplication::translate("Application",

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "KFWizard/WizardWindow.h"
+#include "Security/Certificate/CertificateFields.h"
 #include "keyfold/CommandLine.h"
 
 namespace kf {
@@ -11,6 +12,9 @@ int runKeyfold(int argc, char** argv);
 
 /// The bundle of the installer page beside the program.
 QString defaultBundlePath();
+
+/// The institution's authority among a page's resources, DER; empty where it is missing.
+Bytes shippedAuthority(const QString& bundlePath);
 
 /// Fills a window with the pages of the wizard: sign-in, installer, end. Where
 /// the installer page cannot be loaded, one page tells why, and false comes back.

@@ -1,92 +1,17 @@
 // The whole wizard, as a person goes through it, down to what is stored.
 
-#include "AppKit/QtPresenter.h"
-#include "KFWizard/KFWizardPane.h"
-#include "Security/Keychain/Store.h"
-#include "Tests/Support/Fixtures.h"
-#include "Tests/Support/ScratchHome.h"
-#include "Tests/Wizard/Support.h"
-#include "keyfold/Application.h"
+#include "Tests/Wizard/WalkFixture.h"
 #include "keyfold/BatchPresenter.h"
-
-#include <QLabel>
-#include <QLineEdit>
-#include <QPushButton>
-
-#include <fstream>
 
 namespace {
 
 using namespace kf::test;
 
-Authority& institution()
-{
-    static Authority authority;
-    return authority;
-}
-
-const Bundle& bundle()
-{
-    static const Bundle made = institution().issue();
-    return made;
-}
-
-class Walk : public testing::Test {
-protected:
-    Walk()
-    {
-        line_.bundle = KEYFOLD_BUNDLE;
-        kf::Presenter::setCurrent(&presenter_);
-    }
-    ~Walk() override
-    {
-        kf::Presenter::setCurrent(nullptr);
-        window_.reset();
-        kf::keychain::closeAll();
-    }
-
-    void open()
-    {
-        window_ = std::make_unique<kf::WizardWindow>();
-        EXPECT_EQ(kf::fillWizard(*window_, line_), expectsPage_);
-        window_->show();
-        window_->goToPane(window_->firstPane());
-    }
-    void type(const char* field, const std::string& text)
-    {
-        auto* edit = find<QLineEdit>(window_.get(), field);
-        edit->selectAll();
-        QTest::keyClicks(edit, QString::fromStdString(text));
-    }
-    void signIn(const std::string& login, const std::string& file, const std::string& passphrase)
-    {
-        type("loginField", login);
-        type("fileField", file);
-        type("passphraseField", passphrase);
-    }
-    QPushButton* button(const char* name) { return find<QPushButton>(window_.get(), name); }
-    void press(const char* name) { QTest::mouseClick(button(name), Qt::LeftButton); }
-    std::string label(const char* name) { return find<QLabel>(window_.get(), name)->text().toStdString(); }
-    qlonglong state(const char* sphere) { return find<QLabel>(window_.get(), sphere)->property("state").toLongLong(); }
-    std::string keychain() const { return "sql:" + home_.defaultKeychain().string(); }
-    int keys() const
-    {
-        const std::string listed = run({"certutil", "-K", "-d", keychain()}).output;
-        return static_cast<int>(std::count(listed.begin(), listed.end(), '<'));
-    }
-
-    ScratchHome home_;
-    kf::QtPresenter presenter_;
-    kf::CommandLine line_;
-    bool expectsPage_ = true;
-    std::unique_ptr<kf::WizardWindow> window_;
-};
-
 TEST_F(Walk, FromSignInToTheEndTheCertificateIsInTheKeychain)
 {
     open();
     EXPECT_EQ(label("titleLabel"), "Sign In");
-    signIn("ada", bundle().file.string(), bundle().passphrase);
+    signIn(bundle());
     press("nextButton");
     EXPECT_EQ(label("titleLabel"), "Install Your Certificates");
     EXPECT_EQ(state("authorityStatus"), 1);
@@ -116,7 +41,7 @@ TEST_F(Walk, FromSignInToTheEndTheCertificateIsInTheKeychain)
 TEST_F(Walk, TheStoredKeyCanBeExportedAgain)
 {
     open();
-    signIn("ada", bundle().file.string(), bundle().passphrase);
+    signIn(bundle());
     press("nextButton");
     ASSERT_EQ(state("personalStatus"), 1);
     kf::keychain::closeAll();
@@ -143,53 +68,23 @@ TEST_F(Walk, ABase64FileIsTakenAsItIs)
     EXPECT_EQ(state("personalStatus"), 1);
 }
 
-TEST_F(Walk, NextWaitsForAllThreeFields)
+TEST_F(Walk, AFailedInstallationEndsTheWizardOnThePage)
 {
     open();
-    EXPECT_FALSE(button("nextButton")->isEnabled());
-    type("loginField", "ada");
-    type("fileField", "/some/file");
-    EXPECT_FALSE(button("nextButton")->isEnabled());
-    type("passphraseField", "x");
-    EXPECT_TRUE(button("nextButton")->isEnabled());
-    type("loginField", "   ");
-    EXPECT_FALSE(button("nextButton")->isEnabled());
-}
-
-TEST_F(Walk, AFileThatCannotBeReadKeepsThePersonOnTheSignInPage)
-{
-    open();
-    signIn("ada", "/nonexistent.p12", "x");
+    signIn(bundle());
+    std::filesystem::create_directories(home_.olderKeychain());
+    writeFile(home_.olderKeychain() / "cert9.db", std::string_view());
+    writeFile(home_.olderKeychain() / "key4.db", std::string_view());
     press("nextButton");
-    EXPECT_EQ(label("titleLabel"), "Sign In");
-    EXPECT_EQ(label("messageField"), "/nonexistent.p12 cannot be read: No such file or directory");
-    EXPECT_EQ(window_->fields().valueForField("downloadpassword"_ns), nullptr);
-    EXPECT_TRUE(button("nextButton")->isEnabled());
-}
-
-TEST_F(Walk, ThePassphraseFieldIsEmptyAfterwards)
-{
-    open();
-    EXPECT_EQ(find<QLineEdit>(window_.get(), "passphraseField")->echoMode(), QLineEdit::Password);
-    signIn("ada", bundle().file.string(), bundle().passphrase);
-    auto* field = find<QLineEdit>(window_.get(), "passphraseField");
-    press("nextButton");
-    EXPECT_TRUE(field->text().isEmpty());
-}
-
-TEST_F(Walk, AWrongPassphraseEndsTheWizardOnThePage)
-{
-    open();
-    signIn("ada", bundle().file.string(), "wrong");
-    press("nextButton");
-    EXPECT_EQ(state("authorityStatus"), 1);
+    EXPECT_EQ(state("authorityStatus"), 0);
     EXPECT_EQ(state("personalStatus"), 0);
+    EXPECT_EQ(label("certMessages"),
+        "Failed to install your personal certificate:\nA file of the keychain is empty. It was left as it is.");
     EXPECT_EQ(label("messageField"), "There was an error while installing your certificates");
+    EXPECT_FALSE(button("previousButton")->isEnabled());
     EXPECT_EQ(button("nextButton")->text(), QStringLiteral("Close"));
     press("nextButton");
     EXPECT_FALSE(window_->isVisible());
-    kf::keychain::closeAll();
-    EXPECT_EQ(keys(), 0);
 }
 
 class WalkWithOldCertificate : public Walk {
@@ -197,7 +92,7 @@ protected:
     WalkWithOldCertificate()
     {
         open();
-        signIn("ada", bundle().file.string(), bundle().passphrase);
+        signIn(bundle());
         press("nextButton");
         EXPECT_EQ(state("personalStatus"), 1);
     }
@@ -206,7 +101,7 @@ protected:
     {
         static const Bundle next = institution().issue({.commonName = "Ada Newly"});
         open();
-        signIn("ada", next.file.string(), next.passphrase);
+        signIn(next);
         const WhenDialogOpens watch("alert", std::move(act));
         press("nextButton");
         EXPECT_EQ(watch.seen(), 1);
@@ -278,7 +173,7 @@ TEST_F(Walk, APageThatCannotBeLoadedIsToldWithItsReason)
 
 TEST(BatchPresenter, SaysYesToTheOneQuestionOnly)
 {
-    kf::BatchPresenter presenter;
+    kf::BatchPresenter presenter(true);
     kf::AlertQuestion question;
     question.messageText = "Existing certificates found"_ns;
     question.defaultButton = "No"_ns;

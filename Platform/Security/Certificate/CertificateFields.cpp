@@ -264,13 +264,19 @@ std::string hexadecimal(Span bytes)
     return text;
 }
 
-std::string labelOf(const NameTexts& texts, Span serial)
+std::string shortNameOf(const NameTexts& texts)
 {
     for (const std::string* text : {&texts.commonName, &texts.organizationalUnit, &texts.organization}) {
         if (!text->empty())
             return *text;
     }
-    return hexadecimal(serial);
+    return {};
+}
+
+std::string labelOf(const NameTexts& texts, Span serial)
+{
+    std::string label = shortNameOf(texts);
+    return label.empty() ? hexadecimal(serial) : label;
 }
 
 bool readTBSCertificate(Span certificate, CertificateFields& fields)
@@ -333,6 +339,13 @@ Result<CertificateFields> readCertificateFields(std::span<const std::uint8_t> de
     if (!toBeSigned || !algorithm || !signature || !reader.atEnd() || !readTBSCertificate(toBeSigned->content, fields))
         return Failure{errSecUnknownFormat};
     return fields;
+}
+
+std::string shortName(std::span<const std::uint8_t> name)
+{
+    NameTexts texts;
+    const auto sequence = DERReader(name).next(der::sequence);
+    return sequence && readName(sequence->content, &texts) ? shortNameOf(texts) : std::string();
 }
 
 } // namespace kf

@@ -38,15 +38,16 @@ struct CertificateFields {
     bool isCA = false;
 
     /// First e-mail address, else the common name.
-    const std::string& alias() const noexcept
-    {
-        return emailAddresses.empty() ? commonName : emailAddresses.front();
-    }
+    const std::string& alias() const noexcept { return emailAddresses.empty() ? commonName : emailAddresses.front(); }
 };
 
 /// Reads exactly one DER certificate (RFC 5280) without decoding its public key
 /// into a key object. errSecUnknownFormat where the bytes are anything else or
 /// bytes follow it.
 Result<CertificateFields> readCertificateFields(std::span<const std::uint8_t> der);
+
+/// What a Name (DER) reads as: its common name, else its organizational unit, else its organization; UTF-8, empty where
+/// it has none of them.
+std::string shortName(std::span<const std::uint8_t> name);
 
 } // namespace kf

@@ -1,0 +1,43 @@
+// What sign-in wants to know of a bundle before anything is installed.
+#pragma once
+
+#include "Foundation/NSString.h"
+#include "Foundation/SecretBytes.h"
+#include "Security/BundleInspection.h"
+
+#include <QStringList>
+
+namespace kf {
+
+struct BundleRequest {
+    std::string login; ///< UTF-8
+    std::string file;
+    SecretBytes passphrase; ///< UTF-8; may be empty
+    Bytes authority;        ///< DER of the institution's authority
+};
+
+struct BundleCheck {
+    enum class Place { none, file, passphrase };
+    Place place = Place::none; ///< where the problem lies; none: the bundle can be installed
+    QString problem;           ///< in words for the person
+    OSStatus status = errSecSuccess;
+
+    // Of a bundle that can be installed:
+    Ref<NSString> base64; ///< what was checked
+    BundleInspection certificate;
+    QStringList warnings; ///< what the person should know before going on
+
+    bool isGood() const noexcept { return place == Place::none; }
+};
+
+/// The address that the build's e-mail domain gives a login name.
+std::string emailAddressOf(const std::string& login);
+
+/// Reads the file, opens the bundle and looks at its certificates and at the keychains'; changes nothing. Takes
+/// seconds where the bundle's iteration counts are high. Any thread.
+BundleCheck checkBundle(const BundleRequest& request);
+
+/// A certificate's name, issuer and time of validity, in lines.
+QString describeCertificate(const BundleInspection& certificate);
+
+} // namespace kf
