@@ -58,8 +58,10 @@ Result<std::vector<Bytes>> readAttributes(
     }
     if (result != CKR_OK && result != CKR_ATTRIBUTE_TYPE_INVALID)
         return Failure{statusOfPKCS11(result)};
-    for (std::size_t index = 0; index < values.size(); ++index)
+    for (std::size_t index = 0; index < values.size(); ++index) {
         values[index].resize(lengthOf(index));
+        values[index].shrink_to_fit(); // kept for every certificate of a keychain
+    }
     return values;
 }
 
