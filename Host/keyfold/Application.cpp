@@ -6,6 +6,7 @@
 #include "KFWizard/KFWizardPane.h"
 #include "KFWizard/PlugIn.h"
 #include "keyfold/BatchRun.h"
+#include "keyfold/EndPane.h"
 #include "keyfold/ExitStatus.h"
 #include "keyfold/SignInPane.h"
 #include "keyfold/TextPane.h"
@@ -73,11 +74,16 @@ QString defaultBundlePath()
         QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
 }
 
-Bytes shippedAuthority(const QString& bundlePath)
+std::string authorityFile(const QString& bundlePath)
 {
     const Ref<NSBundle> bundle = NSBundle::bundleWithPath(toNSString(bundlePath));
     const Ref<NSString> file = bundle ? bundle->pathForResource("orvane_ca"_ns, "der"_ns) : nullptr;
-    const Ref<NSData> data = file ? NSData::dataWithContentsOfFile(file) : nullptr;
+    return file ? toUTF8(file) : std::string();
+}
+
+Bytes shippedAuthority(const QString& bundlePath)
+{
+    const Ref<NSData> data = NSData::dataWithContentsOfFile(NSString::stringWithUTF8String(authorityFile(bundlePath)));
     return data ? Bytes(data->span().begin(), data->span().end()) : Bytes();
 }
 
@@ -96,12 +102,8 @@ bool fillWizard(WizardWindow& window, const CommandLine& line)
     window.addSection()->addPane(
         std::make_unique<SignInPane>(line.login, line.pkcs12File, shippedAuthority(plugIn.bundlePath())));
     window.addSection()->addPane(std::move(installer));
-    window.addSection()->addPane(std::make_unique<TextPane>("All Done"_ns,
-        QCoreApplication::translate("Application",
-            "Your personal certificate is in your keychain.\n\n"
-            "Chromium and the browsers made from it use it from their next start.\n\n"
-            "Firefox and Thunderbird keep certificates of their own: import the same file there, in the settings under "
-            "Certificates.")));
+    window.addSection()->addPane(
+        std::make_unique<EndPane>(authorityFile(plugIn.bundlePath()), QStringLiteral("/usr/bin/security")));
     return true;
 }
 

@@ -13,7 +13,9 @@ int runKeyfold(int argc, char** argv);
 /// The bundle of the installer page beside the program.
 QString defaultBundlePath();
 
-/// The institution's authority among a page's resources, DER; empty where it is missing.
+/// The file of the institution's authority among a page's resources; empty where it is missing.
+std::string authorityFile(const QString& bundlePath);
+/// What that file holds, DER; empty where it cannot be read.
 Bytes shippedAuthority(const QString& bundlePath);
 
 /// Fills a window with the pages of the wizard: sign-in, installer, end. Where

@@ -25,7 +25,7 @@ TEST_F(Walk, FromSignInToTheEndTheCertificateIsInTheKeychain)
     EXPECT_NE(window_->fields().valueForField("UserSecIdentityRef"_ns), nullptr);
 
     press("nextButton");
-    EXPECT_EQ(label("titleLabel"), "All Done");
+    EXPECT_EQ(label("titleLabel"), "What Was Installed");
     EXPECT_FALSE(button("previousButton")->isEnabled());
     EXPECT_EQ(button("nextButton")->text(), QStringLiteral("Close"));
     press("nextButton");

@@ -1,0 +1,36 @@
+// What stands where, read anew.
+#pragma once
+
+#include "Security/Certificate/CertificateFields.h"
+
+#include <string>
+
+namespace kf {
+
+/// What one keychain holds of a certificate.
+struct KeychainHolding {
+    OSStatus status = errSecSuccess; ///< why it could not be read; the rest is false then
+    bool certificate = false;
+    bool privateKey = false; ///< that belongs to the certificate
+    bool trusted = false;    ///< as an authority, by a trust setting of this keychain
+};
+
+/// Where a member's certificate and the institution's authority stand.
+struct InstalledState {
+    std::string defaultKeychain; ///< its path; empty where there is none
+    KeychainHolding personal;    ///< in the default keychain
+    KeychainHolding authorityForUser;
+    KeychainHolding authorityForAll; ///< in the System keychain
+    bool authorityInDistributionStore = false;
+};
+
+/// Reads the keychains and the distribution's store; both certificates are DER. A locked keychain is asked for, as
+/// everywhere. Writes nothing. Any thread.
+InstalledState readInstalledState(
+    std::span<const std::uint8_t> personalCertificate, std::span<const std::uint8_t> authority);
+
+/// What the NSS database at a path holds of a certificate; its key and its trust are not looked at. Another program's
+/// database will do.
+KeychainHolding readForeignDatabase(const std::string& path, std::span<const std::uint8_t> certificate);
+
+} // namespace kf
