@@ -1,5 +1,7 @@
 #include "Faults.h"
 
+#include "Foundation/StringMemory.h"
+
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -22,6 +24,7 @@ struct NewFault {
     bool fired = false;
 };
 thread_local NewFault newFault;
+thread_local NewFault stringFault;
 
 faults::Replacements replacements;
 faults::Counts counts;
@@ -68,8 +71,21 @@ void* operator new(std::size_t size)
         return memory;
     throw std::bad_alloc();
 }
+
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace kf {
+void* allocateString(std::size_t size)
+{
+    static auto* const real = realFunction(&allocateString, "_ZN2kf14allocateStringEm");
+    if (stringFault.left > 0 && --stringFault.left == 0) {
+        stringFault.fired = true;
+        throw std::bad_alloc();
+    }
+    return real(size);
+}
+} // namespace kf
 
 // ICU
 
@@ -94,9 +110,7 @@ void uregex_setText(URegularExpression* regex, const UChar* text, int32_t length
 {
     KFR_REAL(uregex_setText);
     ++counts.setText;
-    if (replacements.setText)
-        replacements.setText(status);
-    else
+    if (!replacements.setText || !replacements.setText(status))
         real(regex, text, length, status);
 }
 
@@ -132,13 +146,17 @@ void uregex_reset(URegularExpression* regex, int32_t index, UErrorCode* status)
 {
     KFR_REAL(uregex_reset);
     ++counts.reset;
-    real(regex, index, status);
+    if (replacements.reset)
+        replacements.reset(status);
+    else
+        real(regex, index, status);
 }
 
 int32_t uregex_appendTail(URegularExpression* regex, UChar** end, int32_t* roomLeft, UErrorCode* status)
 {
     KFR_REAL(uregex_appendTail);
-    return replacements.appendTail ? replacements.appendTail(status) : real(regex, end, roomLeft, status);
+    const auto callReal = [&] { return real(regex, end, roomLeft, status); };
+    return replacements.appendTail ? replacements.appendTail(callReal, status) : callReal();
 }
 }
 
@@ -152,6 +170,10 @@ bool FailingReallocf::fired() const { return reallocfFault.fired; }
 FailingNew::FailingNew(int nth) { newFault = {nth, false}; }
 FailingNew::~FailingNew() { newFault = {}; }
 bool FailingNew::fired() const { return newFault.fired; }
+
+FailingString::FailingString(int nth) { stringFault = {nth, false}; }
+FailingString::~FailingString() { stringFault = {}; }
+bool FailingString::fired() const { return stringFault.fired; }
 
 ReplacedICU::ReplacedICU(Replacements with) { replacements = std::move(with); }
 ReplacedICU::~ReplacedICU() { replacements = {}; }

@@ -32,14 +32,25 @@ public:
     bool fired() const;
 };
 
+/// While it lives, the n-th string that is made from now on finds no memory.
+class FailingString {
+public:
+    explicit FailingString(int nth);
+    ~FailingString();
+    bool fired() const;
+};
+
 /// While it lives, runs in place of the ICU function (a null one runs the real
 /// function).
 struct Replacements {
-    std::function<void(UErrorCode* status)> setText = nullptr;
+    /// Where this gives false, the real function runs after it.
+    std::function<bool(UErrorCode* status)> setText = nullptr;
     std::function<UBool(UErrorCode* status)> find = nullptr;
+    std::function<void(UErrorCode* status)> reset = nullptr;
     std::function<std::int32_t(std::int32_t group, UErrorCode* status)> start = nullptr;
     std::function<std::int32_t(std::int32_t group, UErrorCode* status)> end = nullptr;
-    std::function<std::int32_t(UErrorCode* status)> appendTail = nullptr;
+    /// `real` runs the real function.
+    std::function<std::int32_t(const std::function<std::int32_t()>& real, UErrorCode* status)> appendTail = nullptr;
 };
 class ReplacedICU {
 public:

@@ -79,6 +79,7 @@ public:
     {
     }
     CFHashCode hash() const noexcept override { return 1; }
+    static void* operator new(std::size_t size) { return NSString::operator new(size); }
 
 private:
     ~HugeString() override { munmap(const_cast<char16_t*>(utf16().data()), bytes_); }
@@ -96,6 +97,14 @@ private:
 Ref<NSString> huge(CFIndex length) { return makeRef<HugeString>(length); }
 
 CacheSlot& slotOf(const Ref<NSString>& pattern) { return kfr_cacheSlots[CFHash(pattern) % 23]; }
+
+/// The text that ICU has of a slot's expression.
+const UChar* textInICU(const CacheSlot& slot)
+{
+    std::int32_t length = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    return uregex_getText(slot.icu_regex.get(), &length, &status);
+}
 
 bool allSlotsAreEmpty()
 {
@@ -207,6 +216,10 @@ TEST_F(CacheSlots, AreEmptyAfterAPatternThatDoesNotCompile)
         EXPECT_FALSE(lastCacheSlot);
         EXPECT_EQ(faults::icuCalls().open - opened, i);
     }
+    EXPECT_TRUE(isRegexValid("good"_ns));
+    EXPECT_FALSE(isRegexValidWithOptions(bad, UREGEX_CASE_INSENSITIVE, &error));
+    EXPECT_EQ(slotOf(bad).options, 0U);
+    EXPECT_FALSE(lastCacheSlot) << "the one before is not the last any more";
 }
 
 TEST_F(CacheSlots, KeepAnImmutableCopyOfThePattern)
@@ -316,6 +329,107 @@ TEST_F(Subjects, MovedWithTheirBufferAreHandedToICUAnew)
     EXPECT_EQ(slotOf("b"_ns).setToUniChar, dynamicBuffer.uniChar);
 }
 
+TEST_F(Subjects, WhoseSetUpFailsLeaveICUNoPointerToTheOneBefore)
+{
+    const Ref<NSString> before = wide(u"abc");
+    const Ref<NSString> subject = wide(u"abd");
+    const Ref<NSString> pattern = text("b");
+    for (const bool throws : {false, true}) {
+        EXPECT_TRUE(isMatchedByRegex(before, pattern));
+        EXPECT_EQ(textInICU(*lastCacheSlot), before->utf16().data());
+        {
+            bool failed = false;
+            const faults::ReplacedICU failsOnce({.setText = [&](UErrorCode* status) {
+                if (std::exchange(failed, true))
+                    return false;
+                if (throws)
+                    throw std::bad_alloc();
+                *status = U_REGEX_INTERNAL_ERROR;
+                return true;
+            }});
+            EXPECT_ANY_THROW(isMatchedByRegex(subject, pattern));
+        }
+        EXPECT_EQ(textInICU(*lastCacheSlot), emptyUniCharString);
+        EXPECT_EQ(lastCacheSlot->setToRange, notFound);
+        EXPECT_EQ(before->retainCount(), 1U);
+        EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    }
+    expectedAnomalies = 1;
+}
+
+TEST_F(Subjects, InTheDynamicArrayLeaveICUNoPointerToItWhenItMovesOrGoes)
+{
+    const Ref<NSString> subject = text(std::string(3000, 'a'));
+    const Ref<NSString> inPlace = wide(u"b");
+    EXPECT_TRUE(isMatchedByRegex(subject, "a"_ns));
+    EXPECT_TRUE(isMatchedByRegex(inPlace, "b"_ns));
+    EXPECT_EQ(textInICU(slotOf("a"_ns)), dynamicBuffer.uniChar);
+    EXPECT_FALSE(isMatchedByRegex(text(std::string(90000, 'c')), "x"_ns));
+    EXPECT_EQ(textInICU(slotOf("a"_ns)), emptyUniCharString);
+    EXPECT_EQ(textInICU(slotOf("x"_ns)), dynamicBuffer.uniChar);
+    EXPECT_EQ(textInICU(slotOf("b"_ns)), inPlace->utf16().data()) << "in another place";
+    EXPECT_EQ(rangeOfRegex(subject, "a"_ns), (NSRange{0, 1}));
+
+    EXPECT_FALSE(isMatchedByRegex(text(std::string(90000, 'c')), "x"_ns));
+    RecordingHandler handler;
+    const faults::FailingReallocf fault(1);
+    EXPECT_FALSE(isMatchedByRegex(subject, "a"_ns));
+    EXPECT_EQ(handler.failures.size(), 1U);
+    for (const Ref<NSString>& pattern : {"a"_ns, "x"_ns}) {
+        EXPECT_EQ(textInICU(slotOf(pattern)), emptyUniCharString);
+        EXPECT_EQ(slotOf(pattern).setToUniChar, nullptr);
+    }
+}
+
+TEST_F(Subjects, ForgottenLeaveICUTheEmptyText)
+{
+    EXPECT_TRUE(isMatchedByRegex(wide(u"abc"), "b"_ns));
+    flushCachedRegexData(wide(u"abc"));
+    EXPECT_EQ(textInICU(slotOf("b"_ns)), emptyUniCharString);
+    EXPECT_EQ(slotOf("b"_ns).lastFindRange, notFound);
+    EXPECT_EQ(slotOf("b"_ns).lastMatchRange, notFound);
+    EXPECT_TRUE(isMatchedByRegex(text("abc"), "b"_ns));
+    EXPECT_TRUE(slotOf("b"_ns).setToNeedsConversion);
+    slotOf("b"_ns).setToIsImmutable = true;
+    flushCachedRegexData(text("abc"));
+    EXPECT_FALSE(slotOf("b"_ns).setToNeedsConversion);
+    EXPECT_FALSE(slotOf("b"_ns).setToIsImmutable);
+    EXPECT_EQ(fixedBuffer.hash, 0U);
+    EXPECT_EQ(fixedBuffer.length, 0);
+}
+
+TEST_F(Subjects, AreTheObjectsThemselvesNotTheirEquals)
+{
+    const Ref<NSString> first = text("abc");
+    const Ref<NSString> second = text("abc");
+    const Ref<NSString> pattern = text("b");
+    EXPECT_TRUE(isMatchedByRegex(first, pattern));
+    EXPECT_TRUE(isMatchedByRegex(second, pattern));
+    EXPECT_EQ(lastCacheSlot->setToString, second);
+    EXPECT_EQ(fixedBuffer.string, second);
+    EXPECT_EQ(first->retainCount(), 1U);
+}
+
+TEST_F(Subjects, RecordedWithAnotherLengthAreSetUpAnew)
+{
+    const Ref<NSString> subject = text("abc");
+    const Ref<NSString> pattern = text("c");
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    lastCacheSlot->setToLength = 2; // with the same hash
+    EXPECT_EQ(rangeOfRegex(subject, pattern), (NSRange{2, 1}));
+    EXPECT_EQ(lastCacheSlot->setToLength, 3);
+}
+
+TEST_F(Subjects, ConvertedAgainAreHandedToICUAnew)
+{
+    const Ref<NSString> subject = text("abc");
+    EXPECT_TRUE(isMatchedByRegex(subject, "b"_ns));
+    EXPECT_TRUE(isMatchedByRegex(text("xyz"), "x"_ns)) << "takes the buffer";
+    const int set = faults::icuCalls().setText;
+    EXPECT_TRUE(isMatchedByRegex(subject, "b"_ns));
+    EXPECT_EQ(faults::icuCalls().setText - set, 1);
+}
+
 TEST_F(Subjects, WithARangePastTheEndSetNothing)
 {
     const Ref<NSString> pattern = text("b");
@@ -399,6 +513,48 @@ TEST_F(Subjects, ChangedInLengthOrHashAreConvertedAgain)
     EXPECT_EQ(rangeOfRegex(subject, "c"_ns), (NSRange{3, 1}));
 }
 
+TEST_F(Subjects, ThatMovedInPlaceAreHandedToICUAnew)
+{
+    const Ref<NSMutableString> subject = NSMutableString::stringWithString(wide(u"abc"));
+    const Ref<NSString> pattern = text("b");
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    const char16_t* const before = subject->utf16().data();
+    subject->appendString(text(std::string(10000, 'x')));
+    subject->replaceCharactersInRange({3, 10000}, ""_ns);
+    ASSERT_NE(subject->utf16().data(), before);
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    EXPECT_EQ(textInICU(*lastCacheSlot), subject->utf16().data());
+    EXPECT_EQ(lastCacheSlot->setToUniChar, subject->utf16().data());
+}
+
+TEST_F(Subjects, ThatBecameReadableInPlaceAreNotConvertedAgain)
+{
+    const Ref<NSMutableString> subject = changeable("abc");
+    const Ref<NSString> pattern = text("b");
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    EXPECT_TRUE(isMatchedByRegex(text("xyz"), text("x"))) << "takes the buffer";
+    subject->replaceCharactersInRange({0, 1}, wide(u"\u2192"));
+    subject->replaceCharactersInRange({0, 1}, "a"_ns);
+    ASSERT_TRUE(subject->isWide());
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    EXPECT_FALSE(lastCacheSlot->setToNeedsConversion);
+    EXPECT_EQ(lastCacheSlot->setToUniChar, subject->utf16().data());
+    EXPECT_EQ(textInICU(*lastCacheSlot), subject->utf16().data());
+    EXPECT_NE(fixedBuffer.string, subject);
+}
+
+TEST_F(Subjects, ThatAreNoLongerReadableInPlaceAreConverted)
+{
+    const Ref<NSString> subject = text("abc");
+    const Ref<NSString> pattern = text("b");
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    lastCacheSlot->setToNeedsConversion = false; // as if it had had 16 bits then
+    kfr_clearBuffer(&fixedBuffer, false);
+    EXPECT_EQ(rangeOfRegex(subject, pattern, NSRange{1, 1}), (NSRange{1, 1}));
+    EXPECT_TRUE(lastCacheSlot->setToNeedsConversion);
+    EXPECT_EQ(fixedBuffer.string, subject);
+}
+
 // Flushing
 
 using Flushing = KFRegexInternals;
@@ -431,6 +587,26 @@ TEST_F(Flushing, ForgetsAnotherStringWithEqualLengthAndHashToo)
     flushCachedRegexData(wide(u"abc"));
     EXPECT_FALSE(slotOf("a"_ns).setToString);
     EXPECT_FALSE(fixedBuffer.string);
+}
+
+TEST_F(Flushing, ForgetsAReceiverThatChangedSince)
+{
+    const Ref<NSMutableString> subject = changeable("abc");
+    EXPECT_TRUE(isMatchedByRegex(subject, "a"_ns));
+    subject->setString("abcd"_ns);
+    flushCachedRegexData(subject);
+    EXPECT_FALSE(slotOf("a"_ns).setToString);
+    EXPECT_FALSE(fixedBuffer.string);
+    EXPECT_EQ(subject->retainCount(), 1U);
+}
+
+TEST_F(Flushing, LeavesAStringThatAgreesInLengthAlone)
+{
+    const Ref<NSString> other = text("abc");
+    EXPECT_TRUE(isMatchedByRegex(other, "a"_ns));
+    flushCachedRegexData(text("abd"));
+    EXPECT_EQ(slotOf("a"_ns).setToString, other);
+    EXPECT_EQ(fixedBuffer.string, other);
 }
 
 TEST_F(Flushing, KeepsTheDynamicArray)
@@ -493,6 +669,67 @@ TEST_F(Keeping, ALongPatternLeavesNoTemporaryCopy)
 {
     EXPECT_TRUE(isRegexValid(text(std::string(100000, 'a'))));
     EXPECT_FALSE(scratchBuffer[0]);
+}
+
+TEST_F(Keeping, CompilingFreesTheFirstScratchMemoryWhoseverItIs)
+{
+    stringByReplacingOccurrencesOfRegex(wide(std::u16string(100000, u'a')), "x"_ns, ""_ns);
+    ASSERT_TRUE(scratchBuffer[0]);
+    EXPECT_TRUE(isRegexValid(text("never compiled")));
+    EXPECT_FALSE(scratchBuffer[0]);
+}
+
+/// How often an operation turns from the stack to the heap.
+template <class Operation>
+int heapCallsOf(Operation operation)
+{
+    const faults::FailingReallocf counting(INT32_MAX);
+    EXPECT_TRUE(operation());
+    return counting.calls();
+}
+
+TEST_F(Keeping, TemporaryMemoryIsTheStacksUpTo131071Bytes)
+{
+    const auto compile = [](std::size_t units) {
+        return heapCallsOf([&] { return isRegexValid(text(std::string(units, 'a'))); });
+    };
+    EXPECT_EQ(compile(65535), 0);
+    EXPECT_EQ(compile(65536), 1);
+
+    const auto replace = [](std::size_t units, std::size_t replacementUnits) {
+        const Ref<NSString> subject = wide(std::u16string(units, u'a'));
+        const Ref<NSString> replacement = text(std::string(replacementUnits, 'r'));
+        return heapCallsOf(
+            [&] { return stringByReplacingOccurrencesOfRegex(subject, "x"_ns, replacement) != nullptr; });
+    };
+    EXPECT_EQ(replace(43679, 0), 0) << "43,679 + 21,839 + 16 units";
+    EXPECT_EQ(replace(43680, 0), 1) << "43,680 + 21,840 + 16 units";
+    // 2 + 1 + 2 * 21,838 + 16 units, and 21,838 for the replacement: 131,066 bytes together.
+    clearStringCache();
+    EXPECT_EQ(replace(2, 21838), 0);
+    EXPECT_EQ(replace(2, 21840), 1);
+    EXPECT_FALSE(scratchBuffer[0]) << "only the replacement went to the heap";
+    EXPECT_TRUE(scratchBuffer[1]);
+
+    const auto collect = [](std::size_t count) {
+        const Ref<NSString> subject = wide(std::u16string(count, u'a'));
+        return heapCallsOf([&] { return componentsMatchedByRegex(subject, "a"_ns) != nullptr; });
+    };
+    EXPECT_EQ(collect(16384) - collect(16383), 1) << "131,072 and 131,064 bytes of pointers";
+}
+
+TEST_F(Keeping, RangesAreTheStacksWhileTheyHaveHeadroom)
+{
+    const auto collect = [](const Ref<NSString>& pattern, std::size_t count) {
+        const Ref<NSString> subject = wide(std::u16string(count, u'a'));
+        return heapCallsOf([&] { return arrayOfCaptureComponentsMatchedByRegex(subject, pattern) != nullptr; });
+    };
+    // 2,048 - (4 * 0 + 8) - 4 ranges are the threshold before a match.
+    EXPECT_EQ(collect("a"_ns, 2036), 0);
+    EXPECT_EQ(collect("a"_ns, 2037), 1);
+    // 2,048 - (4 * 1 + 8) - 4 with a group, two ranges a match.
+    EXPECT_EQ(collect("(a)"_ns, 1016), 0);
+    EXPECT_EQ(collect("(a)"_ns, 1017), 1);
 }
 
 TEST_F(Keeping, FindingAllLeavesNoScratchMemory)
@@ -617,6 +854,82 @@ TEST_F(ExhaustedMemory, ForTheRetryOfAReplacementLeavesNoResult)
     EXPECT_EQ(replace()->length(), 200000);
 }
 
+/// Runs an operation with its first string, then its second, ... impossible to make.
+template <class Operation>
+void expectNothingWithoutStrings(int atLeast, Operation operation)
+{
+    for (int nth = 1;; ++nth) {
+        const faults::FailingString fault(nth);
+        const bool result = static_cast<bool>(operation());
+        EXPECT_FALSE(lockIsHeld());
+        EXPECT_THAT(std::span(scratchBuffer).subspan(2), testing::Each(nullptr));
+        EXPECT_EQ(result, !fault.fired()) << nth;
+        if (!fault.fired()) {
+            EXPECT_GE(nth - 1, atLeast);
+            return;
+        }
+    }
+}
+
+TEST_F(ExhaustedMemory, ForStringsLeavesNoResultAndNoAnomaly)
+{
+    const Ref<NSString> subject = text("a-b-c");
+    const Ref<NSString> pattern = text("(-)");
+    expectNothingWithoutStrings(1, [&] { return stringByMatching(subject, pattern); });
+    expectNothingWithoutStrings(5, [&] { return componentsSeparatedByRegex(subject, pattern); });
+    expectNothingWithoutStrings(2, [&] { return componentsMatchedByRegex(subject, pattern); });
+    expectNothingWithoutStrings(2, [&] { return captureComponentsMatchedByRegex(subject, pattern); });
+    expectNothingWithoutStrings(4, [&] { return arrayOfCaptureComponentsMatchedByRegex(subject, pattern); });
+    expectNothingWithoutStrings(1, [&] { return stringByReplacingOccurrencesOfRegex(subject, pattern, "+"_ns); });
+    const Ref<NSMutableString> receiver = changeable("abc");
+    expectNothingWithoutStrings(1, [&] { return stringByReplacingOccurrencesOfRegex(receiver, pattern, "+"_ns); });
+}
+
+TEST_F(ExhaustedMemory, ForArraysLeavesNoResult)
+{
+    const Ref<NSString> subject = text("a-b-c");
+    const Ref<NSString> pattern = text("(-)");
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+    for (int nth = 1;; ++nth) {
+        const faults::FailingNew fault(nth);
+        const bool result = arrayOfCaptureComponentsMatchedByRegex(subject, pattern) != nullptr;
+        EXPECT_EQ(result, !fault.fired()) << nth;
+        if (!fault.fired()) {
+            EXPECT_GE(nth, 4);
+            break;
+        }
+    }
+    EXPECT_EQ(countOf(arrayOfCaptureComponentsMatchedByRegex(subject, pattern)), 2U);
+}
+
+TEST_F(ExhaustedMemory, ForTheResultOfAReplacementInPlaceLeavesTheReceiverAndCountsNone)
+{
+    const Ref<NSMutableString> receiver = changeable("a-b-c");
+    const Ref<NSString> pattern = text("-");
+    {
+        const faults::FailingString fault(1);
+        EXPECT_EQ(replaceOccurrencesOfRegex(receiver, pattern, "+"_ns), 0U);
+        EXPECT_TRUE(fault.fired());
+    }
+    EXPECT_EQ(toUTF8(receiver), "a-b-c");
+    EXPECT_EQ(slotOf(pattern).setToString, receiver) << "it does not change";
+    EXPECT_EQ(replaceOccurrencesOfRegex(receiver, pattern, "+"_ns), 2U);
+    EXPECT_EQ(toUTF8(receiver), "a+b+c");
+}
+
+TEST_F(ExhaustedMemory, ForTheCopyOfAPatternLeavesItsSlotEmpty)
+{
+    const Ref<NSMutableString> pattern = changeable("b");
+    const Ref<NSString> subject = text("abc");
+    {
+        const faults::FailingString fault(1);
+        EXPECT_FALSE(isMatchedByRegex(subject, pattern));
+        EXPECT_TRUE(fault.fired());
+    }
+    EXPECT_TRUE(allSlotsAreEmpty());
+    EXPECT_TRUE(isMatchedByRegex(subject, pattern));
+}
+
 TEST_F(ExhaustedMemory, WhileAnErrorIsMadeLeavesTheLockFree)
 {
     const Ref<NSString> bad = text("(");
@@ -657,7 +970,7 @@ TEST_F(Replacing, IsTriedOnceMoreWithTheExactLengthAndNoMore)
     EXPECT_EQ(passesFor("bbb"_ns), 2);
     EXPECT_EQ(passesFor(text(std::string(50, 'b'))), 2);
 
-    const faults::ReplacedICU alwaysTooShort({.appendTail = [](UErrorCode* status) {
+    const faults::ReplacedICU alwaysTooShort({.appendTail = [](const auto&, UErrorCode* status) {
         *status = U_BUFFER_OVERFLOW_ERROR;
         return 0;
     }});
@@ -667,19 +980,51 @@ TEST_F(Replacing, IsTriedOnceMoreWithTheExactLengthAndNoMore)
     EXPECT_EQ(faults::icuCalls().reset - before, 2);
 }
 
-TEST_F(Replacing, ThatFillsTheFirstGuessExactlyIsNoFailure)
+TEST_F(Replacing, FirstGuessesTheLengthByTheRule)
 {
-    // S = 2, R = 5: room for 2 + 1 + 10 + 16 = 29 units.
-    Ref<NSError> error;
-    const Ref<NSString> result = stringByReplacingOccurrencesOfRegex(
-        text("ab"), "(a)|(b)"_ns, wide(u"$0$0$0$0$0$0$0$0$0$0$0$0$0$0"), 0, kfr::wholeString, &error);
-    EXPECT_EQ(result->length(), 28);
+    const Ref<NSString> subject = text("aXXXaXXXXa");
+    const auto passesFor = [&](std::size_t replacementLength) {
+        const int before = faults::icuCalls().reset;
+        Ref<NSError> error;
+        const Ref<NSString> result = stringByReplacingOccurrencesOfRegex(
+            subject, "a"_ns, text(std::string(replacementLength, 'b')), 0, kfr::wholeString, &error);
+        EXPECT_EQ(result->length(), static_cast<CFIndex>(7 + 3 * replacementLength));
+        EXPECT_FALSE(error);
+        return faults::icuCalls().reset - before;
+    };
+    EXPECT_EQ(passesFor(24), 1) << "10 + 10 / 2 + 24 * 2 + 16 units are just as many as 7 + 3 * 24";
+    EXPECT_EQ(passesFor(25), 2) << "one too many";
+}
+
+TEST_F(Replacing, ThatFailsOtherwiseIsNotTriedAgain)
+{
+    const faults::ReplacedICU failure({.appendTail = [](const auto&, UErrorCode* status) {
+        *status = U_REGEX_TIME_OUT;
+        return 0;
+    }});
     const int before = faults::icuCalls().reset;
-    const Ref<NSString> exact = stringByReplacingOccurrencesOfRegex(
-        text("aXXXXXXXXXXXXXXXXXXXXXXX"), "a"_ns, "bbbbbb"_ns, 0, kfr::wholeString, &error);
-    EXPECT_EQ(exact->length(), 29);
+    const Ref<NSString> subject = text(std::string(100, 'a'));
+    EXPECT_THAT(raisedBy([&] { stringByReplacingOccurrencesOfRegex(subject, "a"_ns, "bbb"_ns); }).reason,
+        HasSubstr("U_REGEX_TIME_OUT"))
+        << "though it needs more room as well";
     EXPECT_EQ(faults::icuCalls().reset - before, 1);
-    EXPECT_FALSE(error);
+}
+
+TEST_F(Replacing, InAnEmptyTextDoesNotMindThatICUCannotReset)
+{
+    const faults::ReplacedICU outOfBounds({.reset = [](UErrorCode* status) { *status = U_INDEX_OUTOFBOUNDS_ERROR; }});
+    EXPECT_EQ(toUTF8(stringByReplacingOccurrencesOfRegex(wide(u""), "x*"_ns, "b"_ns)), "b");
+    EXPECT_THAT(raisedBy([] { stringByReplacingOccurrencesOfRegex(wide(u"a"), "x*"_ns, "b"_ns); }).reason,
+        HasSubstr("U_INDEX_OUTOFBOUNDS_ERROR"));
+}
+
+TEST_F(Replacing, ForgetsTheMatchFoundBefore)
+{
+    const Ref<NSString> subject = text("abc");
+    const Ref<NSString> pattern = text("(b)");
+    EXPECT_EQ(rangeOfRegex(subject, pattern, 1), (NSRange{1, 1}));
+    EXPECT_EQ(toUTF8(stringByReplacingOccurrencesOfRegex(subject, pattern, "x"_ns)), "axc");
+    EXPECT_EQ(rangeOfRegex(subject, pattern, 1), (NSRange{1, 1}));
 }
 
 TEST_F(Replacing, TooLongForICUIsRefused)
@@ -707,7 +1052,7 @@ TEST_F(Replacing, OfTextWhoseFirstGuessIsTooLongIsAFailedAssertion)
 TEST_F(Replacing, WithAResultTooLongForICUIsRefused)
 {
     for (const std::int32_t tail : {2147483647, 2147483646}) {
-        const faults::ReplacedICU longTail({.appendTail = [tail](UErrorCode* status) {
+        const faults::ReplacedICU longTail({.appendTail = [tail](const auto&, UErrorCode* status) {
             *status = U_BUFFER_OVERFLOW_ERROR;
             return tail;
         }});
@@ -721,7 +1066,7 @@ TEST_F(Replacing, WithAResultTooLongForICUIsRefused)
 
 TEST_F(Replacing, ThatNeedsLessThanItWroteIsAFailedAssertion)
 {
-    const faults::ReplacedICU negativeTail({.appendTail = [](UErrorCode*) { return -100; }});
+    const faults::ReplacedICU negativeTail({.appendTail = [](const auto&, UErrorCode*) { return -100; }});
     EXPECT_THAT(raisedBy([] { stringByReplacingOccurrencesOfRegex(text("aa"), "a"_ns, "bb"_ns); }).reason,
         StartsWith("Invalid parameter not satisfying: "));
 }
@@ -729,14 +1074,20 @@ TEST_F(Replacing, ThatNeedsLessThanItWroteIsAFailedAssertion)
 TEST_F(Replacing, InPlaceWithAWarningAndNoResultGivesAnError)
 {
     // Nothing matches, so nothing is made; ICU's warning then is all there is to tell.
-    const faults::ReplacedICU warning({.appendTail = [](UErrorCode* status) {
-        *status = U_STRING_NOT_TERMINATED_WARNING;
-        return 3;
+    const faults::ReplacedICU warning({.appendTail = [](const auto& real, UErrorCode* status) {
+        const std::int32_t length = real();
+        *status = U_USING_DEFAULT_WARNING;
+        return length;
     }});
     const Ref<NSMutableString> receiver = changeable("abc");
     Ref<NSError> error;
     EXPECT_EQ(replaceOccurrencesOfRegex(receiver, "x"_ns, "y"_ns, 0, {0, 3}, &error), 0U);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), U_USING_DEFAULT_WARNING);
     EXPECT_EQ(toUTF8(receiver), "abc");
+    EXPECT_EQ(replaceOccurrencesOfRegex(receiver, "b"_ns, "y"_ns, 0, {0, 3}, &error), 1U);
+    EXPECT_FALSE(error) << "there is a result";
+    EXPECT_EQ(toUTF8(receiver), "ayc");
 }
 
 // Searching
@@ -789,9 +1140,38 @@ TEST_F(Searching, WhereICUFailsForAGroupFindsNothing)
 TEST_F(Searching, ThatFindsAMatchOutsideItsRangeIsAFailedAssertion)
 {
     const faults::ReplacedICU farAway({.end = [](std::int32_t, UErrorCode*) { return 50; }});
-    const Raised raised = raisedBy([] { rangeOfRegex(text("abc"), text("b")); });
-    EXPECT_EQ(raised.name, "NSInternalInconsistencyException");
-    EXPECT_THAT(raised.reason, StartsWith("Invalid parameter not satisfying: "));
+    const Ref<NSString> subject = text("abc");
+    for (int i = 0; i < 2; ++i) {
+        const Raised raised = raisedBy([&] { rangeOfRegex(subject, text("b")); });
+        EXPECT_EQ(raised.name, "NSInternalInconsistencyException") << "it is not remembered";
+        EXPECT_THAT(raised.reason, StartsWith("Invalid parameter not satisfying: "));
+    }
+}
+
+TEST_F(Searching, WithAFailureTakesNoMatchFromICU)
+{
+    EXPECT_TRUE(isMatchedByRegex(text("abc"), text("b")));
+    const faults::ReplacedICU failure({.find = [](UErrorCode* status) -> UBool {
+        *status = U_REGEX_TIME_OUT;
+        return true;
+    }});
+    UErrorCode status = U_ZERO_ERROR;
+    Pending pending;
+    EXPECT_EQ(kfr_search(lastCacheSlot, {0, 2}, &pending, &status), notFound);
+    EXPECT_FALSE(pending);
+    EXPECT_EQ(lastCacheSlot->lastFindRange, notFound);
+    EXPECT_EQ(lastCacheSlot->lastMatchRange, notFound);
+
+    FindAll findAll{nullptr, 100, 0, 0, 1, 0, {0, 2}, nullptr, nullptr, nullptr};
+    status = U_ZERO_ERROR;
+    EXPECT_FALSE(kfr_findRanges(lastCacheSlot, matchesOp, &findAll, &pending, &status));
+}
+
+TEST_F(Searching, DoesNotGoOnBehindAnEmptyMatchAtTheEnd)
+{
+    const int before = faults::icuCalls().findNext;
+    EXPECT_THAT(list(componentsMatchedByRegex(text("abc"), "$"_ns)), ElementsAre(""));
+    EXPECT_EQ(faults::icuCalls().findNext, before);
 }
 
 TEST_F(Searching, OutsideTheSetTextIsAFailedAssertion)
@@ -995,6 +1375,38 @@ TEST_F(Engine, RefusesSlotsThatAreNotInOrder)
     refuses([](CacheSlot&) { fixedBuffer.length = 2; });
 }
 
+TEST_F(Engine, LooksAtTheSlotBeforeItUsesIt)
+{
+    const faults::ReplacedICU spoiling({.setText = [](UErrorCode*) {
+        lastCacheSlot->setToUniChar = emptyUniCharString;
+        return false;
+    }});
+    const Raised raised = raisedBy([] { isMatchedByRegex(text("abc"), text("b")); });
+    EXPECT_EQ(raised.name, "NSInternalInconsistencyException");
+    EXPECT_THAT(raised.reason, StartsWith("Invalid parameter not satisfying: cacheSlot->setToUniChar == "));
+}
+
+TEST_F(Engine, LooksAtTheCaptureOnlyWhereItIsUsed)
+{
+    const Ref<NSString> subject = text("abc");
+    for (const std::uint32_t regexOp : {1U, 2U, 3U, 4U, 6U, 37U}) {
+        const Raised raised = raisedBy([&] {
+            NSRange range = wholeString;
+            RegexOpResult result;
+            kfr_performRegexOp(
+                {subject.get(), "method:"}, regexOp, text("b"), 0, 1, subject, &range, text("x"), nullptr, &result);
+        });
+        EXPECT_EQ(raised.reason != "", regexOp == 3 || regexOp == 4) << regexOp;
+    }
+}
+
+TEST_F(Engine, ClearsAnEarlierErrorBeforeItRaises)
+{
+    Ref<NSError> error = NSError::errorWithDomain("earlier"_ns, 1, nullptr);
+    EXPECT_THROW(isMatchedByRegex(text("abc"), nullptr, 0, wholeString, &error), NSRaisedException);
+    EXPECT_FALSE(error);
+}
+
 TEST_F(Engine, NeverOverwritesWhatIsPending)
 {
     Pending pending;
@@ -1094,7 +1506,10 @@ TEST_F(CacheAssertions, AFailingSetTextFailsTheSetUpAndIsNotRemembered)
     const Ref<NSString> subject = text("abc");
     const Ref<NSString> pattern = text("b");
     const auto fail = [&] {
-        const faults::ReplacedICU failure({.setText = [](UErrorCode* status) { *status = U_REGEX_INTERNAL_ERROR; }});
+        const faults::ReplacedICU failure({.setText = [](UErrorCode* status) {
+            *status = U_REGEX_INTERNAL_ERROR;
+            return true;
+        }});
         RecordingHandler handler;
         EXPECT_FALSE(isMatchedByRegex(subject, pattern));
         EXPECT_EQ(handler.failures.size(), 1U);
@@ -1262,6 +1677,33 @@ TEST_F(Lock, LeftByAnExceptionAndFreeAlreadyIsReportedOnceAProcess)
     }
     expectedAnomalies = 3;
     EXPECT_EQ(std::ranges::count(logged(), freeText), 1);
+}
+
+TEST_F(Lock, HasAWarningForEachOfTheTwo)
+{
+    for (const bool frees : {false, true}) {
+        faults::duringFind([&] {
+            if (frees)
+                OSSpinLockUnlock(&cacheSpinLock);
+            throw Interruption();
+        });
+        EXPECT_THROW(isMatchedByRegex(text("abc"), text("b")), Interruption);
+        faults::duringFind(nullptr);
+    }
+    expectedAnomalies = 2;
+    EXPECT_EQ(std::ranges::count(logged(), heldText), 1);
+    EXPECT_EQ(std::ranges::count(logged(), freeText), 1);
+}
+
+TEST_F(Lock, IsFreeWhileTheReceiverChanges)
+{
+    const Ref<NSMutableString> receiver = changeable("abc");
+    const Ref<NSString> pattern = text("b");
+    const Ref<NSString> replacement = text(std::string(1000, 'x'));
+    EXPECT_TRUE(isMatchedByRegex(receiver, pattern));
+    const faults::FailingNew fault(1);
+    EXPECT_THROW(replaceOccurrencesOfRegex(receiver, pattern, replacement), std::bad_alloc);
+    EXPECT_TRUE(fault.fired());
 }
 
 TEST_F(Lock, LeftByAnExceptionInsideFindingAllKeepsNothing)

@@ -11,9 +11,6 @@
 #include <algorithm>
 #include <utility>
 
-#include <algorithm>
-#include <utility>
-
 using namespace KFRegexAdditions;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -238,6 +235,16 @@ TEST(Collecting, FindsAnEmptyMatchAtEachPositionAndEnds)
     EXPECT_THAT(list(componentsMatchedByRegex(text("xaay"), "a*"_ns)), ElementsAre("", "aa", ""));
     EXPECT_THAT(list(componentsMatchedByRegex(text(""), "x*"_ns)), ElementsAre(""));
     EXPECT_THAT(list(componentsMatchedByRegex(wide(u"\U0001F600b"), "x*"_ns)), ElementsAre("", ""));
+}
+
+TEST(Collecting, EndsWhereItsRangeEnds)
+{
+    EXPECT_THAT(list(componentsMatchedByRegex(text("a"), "x*"_ns)), ElementsAre(""));
+    EXPECT_THAT(list(componentsMatchedByRegex(text("ab"), "b|$"_ns)), ElementsAre("b"));
+    EXPECT_THAT(list(componentsMatchedByRegex(text("ba"), "b|$"_ns)), ElementsAre("b", ""));
+    EXPECT_THAT(list(componentsMatchedByRegex(text("abc"), "$"_ns)), ElementsAre(""));
+    EXPECT_THAT(list(componentsMatchedByRegex(text("abc"), "x*"_ns, NSRange{1, 1})), ElementsAre(""));
+    EXPECT_THAT(list(componentsMatchedByRegex(text("abc"), "x*"_ns, NSRange{3, 0})), ElementsAre(""));
 }
 
 TEST(Collecting, GivesTheGroupsOfTheFirstMatch)

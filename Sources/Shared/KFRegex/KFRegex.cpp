@@ -16,16 +16,16 @@
 #include <unicode/uregex.h>
 #include <unicode/ustring.h>
 
-const Ref<NSString> KFRICURegexException = "KFRICURegexException"_ns;
-const Ref<NSString> KFRICURegexErrorDomain = "KFRICURegexErrorDomain"_ns;
-const Ref<NSString> KFRICURegexErrorCodeErrorKey = "KFRICURegexErrorCode"_ns;
-const Ref<NSString> KFRICURegexErrorNameErrorKey = "KFRICURegexErrorName"_ns;
-const Ref<NSString> KFRICURegexLineErrorKey = "KFRICURegexLine"_ns;
-const Ref<NSString> KFRICURegexOffsetErrorKey = "KFRICURegexOffset"_ns;
-const Ref<NSString> KFRICURegexPreContextErrorKey = "KFRICURegexPreContext"_ns;
-const Ref<NSString> KFRICURegexPostContextErrorKey = "KFRICURegexPostContext"_ns;
-const Ref<NSString> KFRICURegexRegexErrorKey = "KFRICURegexRegex"_ns;
-const Ref<NSString> KFRICURegexRegexOptionsErrorKey = "KFRICURegexRegexOptions"_ns;
+constinit const Ref<NSString> KFRICURegexException = kf::constant<"KFRICURegexException">();
+constinit const Ref<NSString> KFRICURegexErrorDomain = kf::constant<"KFRICURegexErrorDomain">();
+constinit const Ref<NSString> KFRICURegexErrorCodeErrorKey = kf::constant<"KFRICURegexErrorCode">();
+constinit const Ref<NSString> KFRICURegexErrorNameErrorKey = kf::constant<"KFRICURegexErrorName">();
+constinit const Ref<NSString> KFRICURegexLineErrorKey = kf::constant<"KFRICURegexLine">();
+constinit const Ref<NSString> KFRICURegexOffsetErrorKey = kf::constant<"KFRICURegexOffset">();
+constinit const Ref<NSString> KFRICURegexPreContextErrorKey = kf::constant<"KFRICURegexPreContext">();
+constinit const Ref<NSString> KFRICURegexPostContextErrorKey = kf::constant<"KFRICURegexPostContext">();
+constinit const Ref<NSString> KFRICURegexRegexErrorKey = kf::constant<"KFRICURegexRegex">();
+constinit const Ref<NSString> KFRICURegexRegexOptionsErrorKey = kf::constant<"KFRICURegexRegexOptions">();
 
 std::atomic<NSUInteger> kfr_debugCacheSpinLockCount{0};
 
@@ -411,20 +411,21 @@ private:
 
 // Clearing
 
+/// ICU keeps no pointer into text that goes.
 void setToNoText(CacheSlot* slot) noexcept
 {
     UErrorCode ignored = U_ZERO_ERROR;
-    uregex_setText(slot->icu_regex.get(), emptyUniCharString, 0, &ignored);
+    if (slot->icu_regex)
+        uregex_setText(slot->icu_regex.get(), emptyUniCharString, 0, &ignored);
+    slot->setToUniChar = nullptr;
     slot->setToRange = slot->lastMatchRange = slot->lastFindRange = notFound;
 }
 
 void kfr_clearCacheSlotSetTo(CacheSlot* slot) noexcept
 {
-    if (slot->icu_regex)
-        setToNoText(slot);
+    setToNoText(slot);
     slot->setToString = nullptr;
     slot->setToIsImmutable = slot->setToNeedsConversion = false;
-    slot->setToUniChar = nullptr;
     slot->setToHash = 0;
     slot->setToLength = 0;
 }
@@ -571,17 +572,25 @@ bool bufferHoldsSubject(const ConversionBuffer* buffer, const CacheSlot* slot) n
         && buffer->hash == slot->setToHash;
 }
 
+/// Makes the dynamic array as long as a text. Moved or freed, it takes the text of every slot with it.
+bool resizeDynamicBuffer(CFIndex length)
+{
+    if (dynamicBuffer.uniChar)
+        for (CacheSlot& slot : kfr_cacheSlots)
+            if (slot.setToUniChar == dynamicBuffer.uniChar)
+                setToNoText(&slot);
+    void* const resized = reallocf(dynamicBuffer.uniChar, static_cast<std::size_t>(length) * sizeof(char16_t));
+    dynamicBuffer.uniChar = static_cast<char16_t*>(resized);
+    return resized != nullptr;
+}
+
 bool convertSubject(CacheSlot* slot, ConversionBuffer* buffer, Pending* exception)
 {
     kfr_clearBuffer(buffer, false);
-    if (slot->setToLength >= fixedBufferCapacity) {
-        if (!KFR_REQUIRE(buffer == &dynamicBuffer, "buffer == &dynamicBuffer", exception))
-            return false;
-        void* grown = reallocf(buffer->uniChar, static_cast<std::size_t>(slot->setToLength) * sizeof(char16_t));
-        buffer->uniChar = static_cast<char16_t*>(grown);
-        if (!grown)
-            return false;
-    }
+    if (slot->setToLength >= fixedBufferCapacity
+        && (!KFR_REQUIRE(buffer == &dynamicBuffer, "buffer == &dynamicBuffer", exception)
+            || !resizeDynamicBuffer(slot->setToLength)))
+        return false;
     if (!KFR_REQUIRE(buffer->uniChar, "buffer->uniChar != ((void *)0)", exception)
         || !KFR_REQUIRE(!buffer->string, "buffer->string == ((void *)0)", exception))
         return false;
@@ -640,6 +649,24 @@ bool kfr_setCacheSlotToString(CacheSlot* slot, const NSRange* range, UErrorCode*
     return false;
 }
 
+/// Sets a slot to no text, unless told that it has one.
+class NoTextUnlessKept {
+public:
+    explicit NoTextUnlessKept(CacheSlot* slot) noexcept : slot_(slot) { }
+    ~NoTextUnlessKept()
+    {
+        if (slot_)
+            setToNoText(slot_);
+    }
+    NoTextUnlessKept(const NoTextUnlessKept&) = delete;
+    NoTextUnlessKept& operator=(const NoTextUnlessKept&) = delete;
+
+    void keep() noexcept { slot_ = nullptr; }
+
+private:
+    CacheSlot* slot_;
+};
+
 /// Makes `matchString` the slot's subject. The text that ICU was set to before
 /// is kept until ICU is set to another: setting it to nothing in between would
 /// cost as much as the new text itself.
@@ -647,25 +674,17 @@ bool setSlotToNewString(CacheSlot* slot, const Ref<NSString>& matchString, CFInd
     const NSRange* range, UErrorCode* status, Pending* exception)
 {
     const Ref<NSString> previous = std::exchange(slot->setToString, matchString);
+    NoTextUnlessKept text(slot); // goes before `previous` does
     slot->setToUniChar = nullptr;
     slot->setToNeedsConversion = false; // unless its text turns out to be unreadable in place
     slot->setToIsImmutable = false;
     slot->setToHash = hash;
     slot->setToLength = length;
     slot->setToRange = notFound;
-    if (kfr_setCacheSlotToString(slot, range, status, exception))
-        return true;
-    setToNoText(slot);
-    return false;
-}
-
-CacheSlot* slotCompiledFrom(
-    const Ref<NSString>& regexString, std::uint32_t options, Ref<NSError>* error, Pending* exception)
-{
-    if (lastCacheSlot && isCompiledFrom(lastCacheSlot, regexString, options))
-        return lastCacheSlot;
-    lastCacheSlot = nullptr;
-    return kfr_getCachedRegex(regexString, options, error, exception);
+    if (!kfr_setCacheSlotToString(slot, range, status, exception))
+        return false;
+    text.keep();
+    return true;
 }
 
 CacheSlot* kfr_getCachedRegexSetToString(const Ref<NSString>& regexString, std::uint32_t options,
@@ -680,7 +699,7 @@ CacheSlot* kfr_getCachedRegexSetToString(const Ref<NSString>& regexString, std::
             exception))
         return nullptr;
 
-    CacheSlot* slot = slotCompiledFrom(regexString, options, error, exception);
+    CacheSlot* slot = kfr_getCachedRegex(regexString, options, error, exception);
     if (!slot)
         return nullptr;
     if (!KFR_REQUIRE(slot->icu_regex && slot->regexString && slot->captureCount >= 0 && slot == lastCacheSlot,
@@ -751,18 +770,17 @@ bool isInside(NSRange inner, NSRange outer) noexcept
             exception))
         return notFound;
 
-    const bool continues = slot->lastMatchRange != notFound && range.location == continuation(slot);
+    const bool continues = slot->lastMatchRange.location != NSNotFound && range.location == continuation(slot);
     const auto start = static_cast<std::int32_t>(range.location - slot->setToRange.location);
     const bool matched =
         continues ? uregex_findNext(slot->icu_regex.get(), status) : uregex_find(slot->icu_regex.get(), start, status);
     const NSRange match = matched && U_SUCCESS(*status) ? rangeOfGroup(slot, 0) : notFound;
-    slot->lastMatchRange = match;
-    slot->lastFindRange = match == notFound ? notFound : range;
-    if (match != notFound
-        && !KFR_REQUIRE(
+    if (match == notFound
+        || !KFR_REQUIRE(
             isInside(match, range), "NSRangeInsideRange(cacheSlot->lastMatchRange, *searchRange)", exception))
-        return notFound;
-    return match;
+        return slot->lastMatchRange = slot->lastFindRange = notFound;
+    slot->lastFindRange = range;
+    return slot->lastMatchRange = match;
 }
 
 NSRange rangeOfCapture(CacheSlot* slot, NSRange range, NSInteger capture, Pending* exception, UErrorCode* status)
@@ -782,15 +800,9 @@ bool kfr_growFindRanges(const CacheSlot* slot, NSUInteger lastLocation, FindAll*
     const auto estimate = static_cast<CFIndex>(static_cast<float>(slot->setToLength) / density);
     const CFIndex capacity = (std::max(grown, estimate) + grown) / 2 + headroom(slot->captureCount) + 4;
 
-    void* const before = *findAll->rangesScratchBuffer;
-    const bool wasInScratch = findAll->ranges == before;
-    std::size_t size = 0;
-    void* memory = nullptr;
-    if (__builtin_mul_overflow(static_cast<std::size_t>(capacity), sizeof(NSRange), &size))
-        std::free(before);
-    else
-        memory = reallocf(before, size);
-    *findAll->rangesScratchBuffer = memory;
+    const std::size_t size = static_cast<std::size_t>(capacity) * sizeof(NSRange);
+    const bool wasInScratch = findAll->ranges == *findAll->rangesScratchBuffer;
+    void* const memory = *findAll->rangesScratchBuffer = reallocf(*findAll->rangesScratchBuffer, size);
     if (!memory) {
         findAll->ranges = nullptr;
         findAll->capacity = 0;
@@ -1094,6 +1106,8 @@ void forgetChangingSubject(CacheSlot* slot) noexcept
 
     const bool isInReceiver = (regexOp & inReceiver) != 0;
     Ref<NSString> string = stringFromReplacement(slot, result, counts, searchedLength, isInReceiver);
+    if (!string)
+        return nullptr;
     *replacedCount = counts.replaced;
     if (isInReceiver && counts.replaced > 0)
         forgetChangingSubject(slot);
@@ -1304,14 +1318,14 @@ NSUInteger replaceInReceiver(const Ref<NSMutableString>& receiver, const char* s
 
 NSInteger countCaptures(Method method, const Ref<NSString>& regex, std::uint32_t options, Ref<NSError>* error)
 {
-    NSInteger count = -1;
+    NSInteger count = 0;
     kfr_isRegexValid(method, regex, options, &count, error);
     return count;
 }
 
 bool isValid(const Ref<NSString>& receiver, const char* selector, std::uint32_t options, Ref<NSError>* error)
 {
-    NSInteger count = -1;
+    NSInteger count = 0;
     return receiver && kfr_isRegexValid({receiver.get(), selector}, receiver, options, &count, error);
 }
 

@@ -12,17 +12,29 @@
 //   it. A pattern sees nothing outside its range: "^" and "$" match at its ends.
 // - `capture` is a group's number, 0 the whole match.
 // - Results are new objects. Where there is none they are nil.
-// - `error`, where not null, is set to nil or to what kept the pattern from
-//   compiling; the result is then nil, {NSNotFound, 0}, NO or 0. Without it the
-//   same failure raises KFRICURegexException.
+// - `error`, where not null, is set to nil or to what went wrong: the pattern
+//   does not compile, or, with a negative code, ICU gave a warning instead of a
+//   result. The result is then nil, {NSNotFound, 0}, NO or 0. Without `error` a
+//   pattern that does not compile raises KFRICURegexException, but for those
+//   methods that only ask about a pattern; a warning is dropped.
 // - Any thread may call. A mutable string is not to change during a call.
 // - A nil receiver gives nil, 0, {0, 0} or NO and nothing else happens.
 //
-// NSRaisedException carries, with the receiver's class and the method in its
-// reason: NSInvalidArgumentException for a nil pattern or replacement and for a
-// group that the pattern does not have, NSRangeException for a range past the
-// end and for text over 2147483646 units, and KFRICURegexException where ICU
-// gives up on a match, for instance because its backtracking stack is full.
+// What is raised carries the receiver's class and the method in its reason:
+// - NSInvalidArgumentException for a nil pattern or replacement and for a group
+//   that the pattern does not have;
+// - NSRangeException for a range past the end, for text or a pattern over
+//   2147483646 units, and for a replacement of about half that length;
+// - NSInternalInconsistencyException for a result of 2147483647 units or more;
+// - KFRICURegexException where ICU gives up on a match or on a replacement's
+//   text, for instance because its backtracking stack is full.
+// With a reason of its own, NSInternalInconsistencyException tells that no
+// memory was left for a text's UTF-16 form, that a text of over 1.4 thousand
+// million units was to be replaced in, or that the layer is at fault.
+//
+// Where memory is exhausted otherwise, there is silently no result: nil,
+// {NSNotFound, 0}, NO or 0, a mutable receiver unchanged. Only while an error or
+// exception is being made, or a mutable receiver grows, std::bad_alloc passes.
 #pragma once
 
 #include "Foundation/NSArray.h"
@@ -78,8 +90,8 @@ NSInteger captureCountWithOptions(const Ref<NSString>& receiver, std::uint32_t o
 bool isRegexValid(const Ref<NSString>& receiver);
 bool isRegexValidWithOptions(const Ref<NSString>& receiver, std::uint32_t options, Ref<NSError>* error);
 
-/// The pieces between matches; the pattern's groups stand between the pieces.
-/// The first piece may be empty, the last never is.
+/// The pieces between matches (those of componentsMatchedByRegex); the pattern's
+/// groups stand between the pieces. The first piece may be empty, the last never is.
 Ref<NSArray> componentsSeparatedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex);
 Ref<NSArray> componentsSeparatedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex, NSRange range);
 Ref<NSArray> componentsSeparatedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex,
@@ -117,8 +129,10 @@ Ref<NSString> stringByReplacingOccurrencesOfRegex(const Ref<NSString>& receiver,
     const Ref<NSString>& replacement, std::uint32_t options, NSRange range, Ref<NSError>* error);
 
 /// The text of every match, or of one group of every match ("" where it took no
-/// part). The search ends where the range ends: an empty match there counts
-/// only if it is the first.
+/// part). The search goes on behind each match, one unit further behind an empty
+/// one, until that is the end of the range. What could match emptily at the very
+/// end is therefore not always found: "x*" gives "" once in "a", and "b|$" gives
+/// "b" in "ab" but "b" and "" in "ba".
 Ref<NSArray> componentsMatchedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex);
 Ref<NSArray> componentsMatchedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex, NSInteger capture);
 Ref<NSArray> componentsMatchedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex, NSRange range);
@@ -131,7 +145,7 @@ Ref<NSArray> captureComponentsMatchedByRegex(const Ref<NSString>& receiver, cons
 Ref<NSArray> captureComponentsMatchedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex,
     std::uint32_t options, NSRange range, Ref<NSError>* error);
 
-/// Every match as captureComponentsMatchedByRegex gives the first.
+/// Every match of componentsMatchedByRegex as captureComponentsMatchedByRegex gives the first.
 Ref<NSArray> arrayOfCaptureComponentsMatchedByRegex(const Ref<NSString>& receiver, const Ref<NSString>& regex);
 Ref<NSArray> arrayOfCaptureComponentsMatchedByRegex(
     const Ref<NSString>& receiver, const Ref<NSString>& regex, NSRange range);
