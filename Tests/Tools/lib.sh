@@ -2,6 +2,7 @@
 set -eu
 [ -e /run/keyfold-sandbox ] || { echo "not inside the sandbox" >&2; exit 77; }
 [ -x /usr/sbin/update-ca-certificates ] || { echo "skipped: no update-ca-certificates" >&2; exit 77; }
+folder=$(cd "$(dirname "$0")" && pwd)
 security=$1
 system_keychain=/Library/Keychains/System.keychain
 mkdir -p /tmp/tools
@@ -52,12 +53,15 @@ authority() {
     openssl x509 -in "$1.pem" -outform DER -out "$1.der"
 }
 
-# serve PORT NAME: a web server for localhost with a certificate of the authority NAME.
+# serve PORT NAME: a web server for localhost with a certificate of the authority NAME; what it saw is in served.PORT.
 serve() {
     printf 'subjectAltName=DNS:localhost\nextendedKeyUsage=serverAuth\n' > server.ext
-    openssl req -new -newkey rsa:2048 -nodes -keyout server.key -subj /CN=localhost -out server.csr 2> /dev/null
-    openssl x509 -req -in server.csr -CA "$2.pem" -CAkey "$2.key" -days 30 -extfile server.ext -out server.pem 2> /dev/null
-    openssl s_server -accept "$1" -cert server.pem -key server.key -www -quiet > server.log 2>&1 &
+    openssl req -new -newkey rsa:2048 -nodes -keyout "server.$1.key" -subj /CN=localhost -out server.csr 2> /dev/null
+    openssl x509 -req -in server.csr -CA "$2.pem" -CAkey "$2.key" -days 30 -extfile server.ext -out "server.$1.pem" \
+        2> /dev/null
+    mkdir -p www
+    echo "<p>served</p>" > www/index.html
+    /usr/bin/python3 "$folder/server.py" "$1" "server.$1.pem" "server.$1.key" www "served.$1" 2> server.log &
     for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
         ! curl -sk "https://localhost:$1/" -o /dev/null || return 0
         sleep 0.2
