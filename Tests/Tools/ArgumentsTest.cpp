@@ -43,16 +43,40 @@ TEST(Arguments, TellsWhatIsWrong)
     EXPECT_EQ(parseArguments({"file", "-k"}, "k:").error, "option -k needs a value");
     EXPECT_EQ(parseArguments({"-dx"}, "d").error, "unknown option -x");
     EXPECT_EQ(parseArguments({"--json"}, "d").error, "unknown option --json");
-    EXPECT_EQ(parseArguments({"file", "--nonsense", "-d"}, "dj").error, "unknown option --nonsense");
+    EXPECT_EQ(parseArguments({"-:"}, "k:").error, "unknown option -:");
 }
 
-TEST(Arguments, AWordMayStandForALetter)
+TEST(Arguments, WordsWithTwoDashesAreOptionsToo)
 {
-    for (const char* word : {"--json", "-j"}) {
-        const auto parsed = parseArguments({"file", word}, "hj");
-        EXPECT_EQ(parsed.error, "");
-        EXPECT_TRUE(parsed.arguments.has(kf::security::jsonLetter));
-    }
+    const auto parsed =
+        parseArguments({"--json", "a", "--file", "F", "--descriptor=", "-j"}, "j", "file: json descriptor:");
+    EXPECT_EQ(parsed.error, "");
+    EXPECT_TRUE(parsed.arguments.has("json"));
+    EXPECT_TRUE(parsed.arguments.has('j'));
+    EXPECT_EQ(parsed.arguments.value("file"), "F");
+    EXPECT_EQ(parsed.arguments.value("descriptor"), "");
+    EXPECT_THAT(parsed.arguments.operands, ElementsAre("a"));
+    EXPECT_EQ(parseArguments({"--jso"}, "", "json").error, "unknown option --jso");
+    EXPECT_EQ(parseArguments({"--json"}, "", "").error, "unknown option --json");
+    EXPECT_EQ(parseArguments({"--json=x"}, "", "json").error, "option --json takes no value");
+    EXPECT_EQ(parseArguments({"--file"}, "", "json file:").error, "option --file needs a value");
+    EXPECT_EQ(parseArguments({"--file:"}, "", "file:").error, "unknown option --file:");
+}
+
+TEST(Arguments, OfARepeatedOptionTheLastCountsAndAllAreKept)
+{
+    const auto parsed = parseArguments({"-c", "1", "-c2"}, "c:");
+    EXPECT_EQ(parsed.arguments.value('c'), "2");
+    EXPECT_THAT(parsed.arguments.values("c"), ElementsAre("1", "2"));
+}
+
+TEST(Arguments, NegativeNumbersAndALoneDashAreOperands)
+{
+    const auto parsed = parseArguments({"-25300", "-", "-h"}, "h");
+    EXPECT_EQ(parsed.error, "");
+    EXPECT_THAT(parsed.arguments.operands, ElementsAre("-25300", "-"));
+    EXPECT_TRUE(parsed.arguments.has('h'));
+    EXPECT_EQ(parseArguments({"-2x"}, "h").error, "unknown option -2");
 }
 
 TEST(Arguments, NothingIsNothing)

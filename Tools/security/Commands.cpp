@@ -24,12 +24,40 @@ constexpr std::array commandTable = {
         "                before, it stays without trust), the trust store and the browsers' policies.\n"
         "                Without -d its trust is taken from it; it stays in the keychain.\n",
         removeTrustedCert},
-    Command{"trust-status", "hj", "[--json] [certFile]",
+    Command{"trust-status", "h", "[--json] [certFile]",
         "Tells, place by place, which authorities this computer trusts for everybody: what the\n"
         "System keychain trusts, and what of it stands in the distribution's trust store and in\n"
         "the browsers' policies. With a certificate: where that one stands. Changes nothing.\n"
-        "  --json, -j    as JSON\n",
-        trustStatus},
+        "  --json        as JSON\n",
+        trustStatus, "json"},
+    Command{"find-certificate", "ac:e:hpZ", "[-a] [-c name] [-e emailAddress] [-p] [-Z] [--json] [keychain ...]",
+        "Shows the first certificate of the keychains (by default: the search list).\n"
+        "  -a               all of them\n"
+        "  -c name          only those with this common name, letter for letter\n"
+        "  -e emailAddress  only those with this e-mail address\n"
+        "  -p               as PEM\n"
+        "  -Z               with SHA-256 and SHA-1 digests\n"
+        "  --json           as a JSON array\n",
+        findCertificate, "json"},
+    Command{"find-identity", "hv", "[-v] [--json] [keychain ...]",
+        "Lists the certificates whose private key is in the same keychain (by default: in those of\n"
+        "the search list), each with its SHA-256 digest.\n"
+        "  -v      only those that are trusted now\n"
+        "  --json  as a JSON array\n",
+        findIdentity, "json"},
+    Command{"list-keychains", "h", "[--json]",
+        "Lists the keychains that are searched, in that order: the user's and the System keychain,\n"
+        "each where it is there.\n"
+        "  --json  as a JSON array\n",
+        listKeychains, "json"},
+    Command{"default-keychain", "h", "[--json]",
+        "Shows the keychain that is written to where none is named. It need not be there yet.\n"
+        "  --json  as a JSON string\n",
+        defaultKeychain, "json"},
+    Command{"error", "h", "[--json] status ...",
+        "Shows the texts of statuses, given in decimal (-25300) or in hexadecimal (0xFFFF9D2C).\n"
+        "  --json  as a JSON array\n",
+        showError, "json"},
 };
 
 const Command* find(std::string_view name)
@@ -80,7 +108,7 @@ int run(const std::vector<std::string>& words)
         printUsage(std::cerr);
         return exitUsage;
     }
-    const auto parsed = parseArguments({words.begin() + 1, words.end()}, std::string(command->letters));
+    const auto parsed = parseArguments({words.begin() + 1, words.end()}, command->letters, command->names);
     if (!parsed.error.empty())
         return wrongUse(command->name, parsed.error);
     if (parsed.arguments.has('h')) {

@@ -19,6 +19,7 @@ struct Command {
     std::string_view synopsis; ///< what follows the name
     std::string_view help;
     int (*run)(const Arguments& arguments);
+    std::string_view names = {}; ///< its options with two dashes, as parseArguments takes them
 };
 
 /// Every command.
@@ -30,9 +31,14 @@ int run(const std::vector<std::string>& words);
 /// A wrong use: tells what is wrong and how it is done right. Gives exitUsage.
 int wrongUse(std::string_view command, std::string_view error);
 
-// One file for each command.
+// One file for each command, or for two that belong together.
 int addTrustedCert(const Arguments& arguments);
 int removeTrustedCert(const Arguments& arguments);
 int trustStatus(const Arguments& arguments);
+int findCertificate(const Arguments& arguments);
+int findIdentity(const Arguments& arguments);
+int listKeychains(const Arguments& arguments);
+int defaultKeychain(const Arguments& arguments);
+int showError(const Arguments& arguments);
 
 } // namespace kf::security

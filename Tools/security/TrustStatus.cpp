@@ -117,7 +117,7 @@ int trustStatus(const Arguments& arguments)
     std::vector<Answer> answers;
     for (const auto& place : trustPlaces())
         answers.push_back({place->name(), place->decides(), ask(*place)});
-    if (arguments.has(jsonLetter)) {
+    if (arguments.has("json")) {
         Json json = {{"places", Json::array()}};
         for (const Answer& answer : answers)
             json["places"].push_back(asJson(answer, digest));
