@@ -1,5 +1,7 @@
 #include "security/Commands.h"
 
+#include "security/Passphrase.h"
+
 #include <algorithm>
 #include <array>
 #include <iostream>
@@ -45,6 +47,28 @@ constexpr std::array commandTable = {
         "  -v      only those that are trusted now\n"
         "  --json  as a JSON array\n",
         findIdentity, "json"},
+    Command{"delete-certificate", "c:hZ:", "-c name | -Z digest [keychain ...]",
+        "Deletes a certificate, and what its keychain says of its trust, from the keychains (by\n"
+        "default: the search list). Where more than one matches, none is deleted.\n"
+        "  -c name    the one with this common name, letter for letter\n"
+        "  -Z digest  the one with this SHA-256 or SHA-1 digest\n",
+        deleteCertificate},
+    Command{"delete-identity", "c:hZ:", "-c name | -Z digest [keychain ...]",
+        "Deletes a certificate together with its private key, as delete-certificate does. What was\n"
+        "encrypted for that key can never be read again. A key that another certificate of the\n"
+        "keychain needs is kept.\n"
+        "  -c name    the one with this common name, letter for letter\n"
+        "  -Z digest  the one with this SHA-256 or SHA-1 digest\n",
+        deleteIdentity},
+    Command{"import", "hk:P:x", "[-k keychain] [-x] [--passphrase-file file | --passphrase-fd number] file",
+        "Imports a PKCS#12 bundle, all of it or nothing, or certificates (PEM or DER) into a keychain\n"
+        "(by default: the default keychain). The bundle's pass phrase is asked for at the terminal\n"
+        "where no option tells where to read it.\n"
+        "  -k keychain               the keychain's directory\n"
+        "  -x                        the private key shall never leave the keychain again\n"
+        "  --passphrase-file file    the pass phrase is the first line of this file\n"
+        "  --passphrase-fd number    the same of this open descriptor\n",
+        importFile, passphraseOptions},
     Command{"list-keychains", "h", "[--json]",
         "Lists the keychains that are searched, in that order: the user's and the System keychain,\n"
         "each where it is there.\n"

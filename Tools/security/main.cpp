@@ -1,4 +1,5 @@
 #include "security/Commands.h"
+#include "security/Passphrase.h"
 
 #include <cstdlib>
 #include <exception>
@@ -32,6 +33,9 @@ int main(int count, char** words)
         cleanEnvironment();
         ::umask(022); // what everybody is to read
     }
+    kf::security::TerminalPresenter presenter;
+    if (kf::security::TerminalPresenter::isPossible())
+        kf::Presenter::setCurrent(&presenter);
     try {
         return kf::security::run({words + (count > 0 ? 1 : 0), words + count});
     } catch (const std::exception& error) {
