@@ -66,7 +66,8 @@ using AuthorizationRef = Ref<Authorization>;
 /// succeeds the tool is this process's one unreaped child; when it fails there
 /// is none. Errors: errAuthorizationInvalidRef, errAuthorizationInvalidPointer
 /// (null path), errAuthorizationInvalidFlags (flags other than 0),
-/// errAuthorizationDenied (the right is not held),
+/// errAuthorizationDenied (the right is not held, or does not cover this tool),
+/// errAuthorizationCanceled (a further question was dismissed),
 /// errAuthorizationToolExecuteFailure (it could not be started).
 OSStatus AuthorizationExecuteWithPrivileges(const AuthorizationRef& authorization, const char* path,
     AuthorizationFlags flags, char* const* arguments, std::FILE** communicationsPipe);
@@ -81,11 +82,13 @@ public:
     /// Obtains a right, asking the person where the flags allow it; blocks
     /// until that is decided. On failure false, and `*error` (where not null)
     /// is an NSOSStatusErrorDomain error with an errAuthorization code:
-    /// errAuthorizationInvalidSet (no right), errAuthorizationInvalidFlags,
-    /// errAuthorizationDenied (refused, unknown right, or not held where the
-    /// flags do not allow to extend), errAuthorizationCanceled,
-    /// errAuthorizationInteractionNotAllowed (nobody can be asked). On success
-    /// `*error` stays as it was.
+    /// errAuthorizationInvalidSet (no right, or one that the machine has no
+    /// action for), errAuthorizationInvalidFlags, errAuthorizationDenied
+    /// (refused, unknown right, or not held where the flags do not allow to
+    /// extend), errAuthorizationCanceled (dismissed, or given up with
+    /// cancelOpenRequests), errAuthorizationInteractionNotAllowed (nobody can
+    /// be asked), errAuthorizationInternal (there is nothing to ask with). On
+    /// success `*error` stays as it was.
     bool obtainWithRight(const Ref<NSString>& right, AuthorizationFlags flags, Ref<NSError>* error);
 
     const char* className() const noexcept override { return "SFAuthorization"; }

@@ -36,6 +36,7 @@ const std::vector<Rule> rules = {
     {"Sources/Certificates", {"Shared", "KFRegex", "Foundation", "Security"}},
     {"Sources/Shared", {"KFRegex", "Foundation"}},
     {"Tools/security", {"Foundation", "Security"}},
+    {"Tools/launcher", {"Security"}},
 };
 
 // The folder that a quoted include names by its first component.
@@ -43,7 +44,7 @@ const std::vector<std::string> folders = {
     "Foundation", "Security", "AppKit", "KFWizard", "Keychain", "Certificates", "Shared", "KFRegex", "Pane",
 };
 
-enum class Library { none, qt, nss, openssl, icu };
+enum class Library { none, qt, nss, openssl, icu, bus };
 
 Library libraryOf(const std::string& include)
 {
@@ -53,6 +54,7 @@ Library libraryOf(const std::string& include)
          Library::nss},
         {std::regex("^openssl/.*"), Library::openssl},
         {std::regex("^unicode/.*"), Library::icu},
+        {std::regex("^systemd/.*"), Library::bus},
     };
     for (const auto& [pattern, library] : patterns) {
         if (std::regex_match(include, pattern))
@@ -80,8 +82,10 @@ bool libraryAllowed(Library library, const std::string& path)
     case Library::nss:
         return below("Platform/Security") && !isPublicHeader(path);
     case Library::openssl:
-        return (below("Platform/Security") || below("Sources/Certificates") || below("Tools/security"))
+        return (below("Platform/Security") || below("Sources/Certificates") || below("Tools"))
             && !isPublicHeader(path);
+    case Library::bus:
+        return below("Platform/Security/Authorization") && !isPublicHeader(path);
     case Library::icu:
         return (below("Platform/Foundation") || below("Sources/Shared/KFRegex")) && !isPublicHeader(path);
     }
@@ -191,6 +195,11 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"Platform/Foundation/NSString.cpp", {"Security/SecBase.h", true}, false},
                     Row{"Platform/Security/SecTrust.cpp", {"AppKit/NSAlert.h", true}, false},
                     Row{"Tools/security/Main.cpp", {"Keychain/KeychainTools.h", true}, false},
-                    Row{"Tools/security/Main.cpp", {"QCoreApplication", false}, false}));
+                    Row{"Tools/security/Main.cpp", {"QCoreApplication", false}, false},
+                    Row{"Tools/launcher/Launcher.cpp", {"Security/Authorization/LaunchReply.h", true}, true},
+                    Row{"Tools/launcher/Launcher.cpp", {"Foundation/NSString.h", true}, false},
+                    Row{"Platform/Security/Authorization/PolkitAuthority.cpp", {"systemd/sd-bus.h", false}, true},
+                    Row{"Platform/Security/Authorization/PolkitAuthority.h", {"systemd/sd-bus.h", false}, false},
+                    Row{"Tools/launcher/Launcher.cpp", {"systemd/sd-bus.h", false}, false}));
 
 } // namespace

@@ -72,6 +72,37 @@ TEST_F(PrivilegedTool, GivesMinusOneWhereItStops)
     EXPECT_EQ(waitpid(child, &status, 0), child);
 }
 
+TEST_F(PrivilegedTool, GetsEachArgumentAsItIs)
+{
+    const ScratchHome home;
+    const auto file = home.path() / "arguments";
+    const std::vector<std::string> words = {"two words", "", "it's", "\"quoted\"", "$HOME `id` \\ *", "-d", " "};
+    auto arguments = NSMutableArray::array();
+    for (const auto& word :
+        {std::string("-c"), "for word; do printf '[%s]' \"$word\"; done > " + file.string(), {"sh"}})
+        arguments->addObject(NSString::stringWithUTF8String(word));
+    std::string expected;
+    for (const std::string& word : words) {
+        arguments->addObject(NSString::stringWithUTF8String(word));
+        expected += "[" + word + "]";
+    }
+    EXPECT_EQ(execute(arguments), 0);
+    const Bytes text = readFile(file);
+    EXPECT_EQ(std::string(text.begin(), text.end()), expected);
+}
+
+TEST_F(PrivilegedTool, GetsTenThousandArguments)
+{
+    constexpr int count = 10'000;
+    auto arguments = NSMutableArray::array();
+    for (const auto& word : {"-c"_ns, "[ $# = 10000 ] && [ \"$1\" = a0 ] && [ \"${10000}\" = a9999 ]"_ns, "sh"_ns})
+        arguments->addObject(word);
+    for (int index = 0; index < count; ++index)
+        arguments->addObject(NSString::stringWithUTF8String("a" + std::to_string(index)));
+    EXPECT_EQ(execute(arguments), 0);
+    EXPECT_FALSE(error_);
+}
+
 TEST_F(PrivilegedTool, IsNotWaitedForUnlessAsked)
 {
     EXPECT_EQ(execute(shell("exit 7"), false), 0);

@@ -1,8 +1,10 @@
 // What the tool reads, and what it accepts as an authority.
 
 #include "security/CertificateFile.h"
+#include "Security/ScopedDescriptor.h"
 #include "Tests/Support/Fixtures.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -103,6 +105,17 @@ TEST_F(CertificateFileTest, RootFollowsNoLink)
 {
     fs::create_symlink(path("root.der"), path("link.der"));
     EXPECT_EQ(errorOf(path("link.der")), ::geteuid() == 0 ? "is a symbolic link" : "");
+}
+
+TEST_F(CertificateFileTest, ReadsADescriptorThatItWasStartedWith)
+{
+    const kf::ScopedDescriptor file(::open(path("root.der").c_str(), O_RDONLY));
+    const std::string name = "/dev/fd/" + std::to_string(file.get());
+    EXPECT_EQ(readCertificateFile(name).der, authority().root());
+    EXPECT_NE(errorOf("/dev/fd/"), "");
+    EXPECT_NE(errorOf("/dev/fd/1000"), "") << "one that is not open";
+    const std::string process = "/proc/self/fd/" + std::to_string(file.get());
+    EXPECT_EQ(errorOf(process), ::geteuid() == 0 ? "is a symbolic link" : "") << "no other link of that kind";
 }
 
 TEST_F(CertificateFileTest, AcceptsARoot)

@@ -16,7 +16,8 @@ struct CertificateFile {
 
 /// Reads exactly one certificate, DER or PEM, from a regular file of at most
 /// 64 KiB. The file is opened once, so that what was checked is what is used;
-/// as root without following a link at the end of the path.
+/// as root without following a link at the end of the path, but for a
+/// descriptor that this process was started with (/dev/fd/N).
 CertificateFile readCertificateFile(const std::string& path);
 
 /// Why a certificate must not become a trusted authority; empty where it may:

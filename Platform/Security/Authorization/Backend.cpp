@@ -1,5 +1,7 @@
 #include "Security/Authorization/Backend.h"
 
+#include "Security/Authorization/InteractiveBackend.h"
+
 #include <cstdlib>
 #include <mutex>
 #include <string_view>
@@ -26,7 +28,7 @@ std::shared_ptr<Backend> fittingBackend()
         return std::make_shared<NoRightsBackend>(errAuthorizationDenied);
     if (::geteuid() == 0)
         return std::make_shared<DirectBackend>();
-    return std::make_shared<NoRightsBackend>(errAuthorizationInteractionNotAllowed);
+    return std::make_shared<InteractiveBackend>();
 }
 
 std::mutex mutex;

@@ -1,0 +1,131 @@
+// The administrator's right from sudo with an askpass program. sudo is a script; polkit.sh has the real one.
+
+#include "Security/Authorization/OpenRequest.h"
+#include "Security/Authorization/SudoBackend.h"
+#include "Tests/Authorization/LauncherFixture.h"
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using kf::authorization::cancelOpenRequests;
+using kf::authorization::SudoBackend;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr const char* right = "system.privilege.admin";
+constexpr AuthorizationFlags everyFlag = 19;
+
+class SudoTest : public kf::test::LauncherTest {
+protected:
+    SudoTest() { ::setenv("SUDO_ASKPASS", "/bin/true", 1); }
+    ~SudoTest() override { ::unsetenv("SUDO_ASKPASS"); }
+
+    SudoBackend backend() const { return SudoBackend({path("sudo"), path("launcher")}); }
+    OSStatus obtain(AuthorizationFlags flags = everyFlag) { return backend().obtainRight(right, flags).status(); }
+};
+
+TEST_F(SudoTest, ValidatesAndRunsNothing)
+{
+    script("sudo", "echo \"$@\" >> " + path("ways"));
+    EXPECT_EQ(obtain(), errAuthorizationSuccess);
+    EXPECT_THAT(lines("ways"), ElementsAre("-A -v"));
+}
+
+TEST_F(SudoTest, EachOutcomeBecomesACodeOfItsOwn)
+{
+    script("sudo", "echo 'Sorry, try again.' >&2; echo 'sudo: 3 incorrect password attempts' >&2; exit 1");
+    EXPECT_EQ(obtain(), errAuthorizationDenied) << "wrong password";
+    script("sudo", "echo 'sudo: no password was provided' >&2; echo 'sudo: a password is required' >&2; exit 1");
+    EXPECT_EQ(obtain(), errAuthorizationCanceled);
+    script("sudo",
+        "echo 'sudo: unable to run /x: No such file or directory' >&2; echo 'sudo: no password was provided' >&2; exit "
+        "1");
+    EXPECT_EQ(obtain(), errAuthorizationInteractionNotAllowed) << "no askpass program";
+    script("sudo", "echo 'Sorry, user bob may not run sudo on vm.' >&2; exit 1");
+    EXPECT_EQ(obtain(), errAuthorizationDenied);
+    script("sudo", "kill -9 $$");
+    EXPECT_EQ(obtain(), errAuthorizationDenied);
+}
+
+TEST_F(SudoTest, AsksNobodyWithoutSomebodyToAsk)
+{
+    script("sudo", ": > " + path("ran"));
+    EXPECT_EQ(obtain(kAuthorizationFlagExtendRights), errAuthorizationInteractionNotAllowed);
+    ::setenv("SUDO_ASKPASS", "", 1);
+    EXPECT_EQ(obtain(), errAuthorizationInteractionNotAllowed);
+    ::unsetenv("SUDO_ASKPASS");
+    EXPECT_EQ(obtain(), errAuthorizationInteractionNotAllowed);
+    ::setenv("SUDO_ASKPASS", "/bin/true", 1);
+    EXPECT_EQ(SudoBackend({"/nonexistent", path("launcher")}).obtainRight(right, everyFlag).status(),
+        errAuthorizationInteractionNotAllowed);
+    EXPECT_EQ(SudoBackend({path("sudo"), "/nonexistent"}).obtainRight(right, everyFlag).status(),
+        errAuthorizationInteractionNotAllowed);
+    EXPECT_EQ(backend().obtainRight("system.reboot", everyFlag).status(), errAuthorizationDenied);
+    EXPECT_FALSE(exists("ran"));
+}
+
+TEST_F(SudoTest, SpeaksEnglishToUsAndKeepsTheAskpassProgramsVariables)
+{
+    script("sudo", "env > " + path("variables"));
+    ::setenv("LC_ALL", "de_DE.UTF-8", 1);
+    ::setenv("DISPLAY", ":7", 1);
+    EXPECT_EQ(obtain(), errAuthorizationSuccess);
+    ::unsetenv("LC_ALL");
+    ::unsetenv("DISPLAY");
+    EXPECT_THAT(content("variables"), HasSubstr("LC_MESSAGES=C\n"));
+    EXPECT_THAT(content("variables"), testing::Not(HasSubstr("LC_ALL")));
+    EXPECT_THAT(content("variables"), HasSubstr("DISPLAY=:7\n"));
+    EXPECT_THAT(content("variables"), HasSubstr("SUDO_ASKPASS=/bin/true\n"));
+}
+
+TEST_F(SudoTest, AnAskpassProgramThatHangsIsGivenUp)
+{
+    // As the real one: sudo cannot be ended by the user, the program that it asks with can.
+    script("sudo", "trap '' TERM\n: > " + path("asks") + "\n(trap - TERM; exec sleep 1000)\nexit 1");
+    OSStatus status = 1;
+    std::thread asking([&] { status = obtain(); });
+    while (!exists("asks"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancelOpenRequests();
+    asking.join();
+    EXPECT_EQ(status, errAuthorizationCanceled);
+}
+
+TEST_F(SudoTest, RunsTheToolAndAsksAgainForAnyOtherCertificate)
+{
+    script("sudo",
+        "echo \"$1 $2 $3\" >> " + path("ways") + "\nwhile [ \"$1\" != -- ]; do shift; done\nshift\nexec \"$@\"");
+    script("tool", "cat /dev/fd/3 >> " + path("got") + "; exit 3");
+    auto sudo = backend();
+    ASSERT_TRUE(sudo.execute(add(path("authority.der")), nullptr));
+    EXPECT_EQ(WEXITSTATUS(waitForTheOnlyChild()), 3);
+    ASSERT_TRUE(sudo.execute(add(path("other.der")), nullptr));
+    EXPECT_EQ(WEXITSTATUS(waitForTheOnlyChild()), 3);
+    EXPECT_EQ(content("got"), "the authority's bytesother bytes");
+    EXPECT_THAT(lines("ways"), ElementsAre("-A -- " + path("launcher"), "-A -- " + path("launcher"), "-A -k --"))
+        << "-k heeds no earlier answer and remembers none";
+    EXPECT_EQ(sudo.execute({"/bin/sh", {"-c", "id"}}, nullptr).status(), errAuthorizationDenied);
+}
+
+TEST_F(SudoTest, ALauncherThatWasNotReachedIsADenial)
+{
+    script("sudo", "exit 1");
+    EXPECT_EQ(backend().execute(add(path("authority.der")), nullptr).status(), errAuthorizationDenied);
+}
+
+/// sudo stays beside the tool and holds its descriptors: the launch is told all the same.
+TEST_F(SudoTest, AWayThatStaysDoesNotHoldUpTheLaunch)
+{
+    script("sudo", "while [ \"$1\" != -- ]; do shift; done\nshift\n\"$@\"\nexit $?");
+    script("tool", "while [ ! -e " + path("go") + " ]; do sleep 0.05; done; exit 9");
+    ASSERT_TRUE(backend().execute(add(path("authority.der")), nullptr));
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), 0) << "the tool still runs";
+    kf::test::writeFile(path("go"), std::string_view());
+    EXPECT_EQ(WEXITSTATUS(waitForTheOnlyChild()), 9);
+}
+
+} // namespace
