@@ -1,7 +1,6 @@
 #include "keyfold/BatchPresenter.h"
 
 #include "AppKit/Text.h"
-#include "keyfold/Output.h"
 
 namespace kf {
 
@@ -9,11 +8,12 @@ NSInteger BatchPresenter::runAlert(const AlertQuestion& question)
 {
     const bool isYes = deleteOld_ && CFEqual(question.messageText, "Existing certificates found"_ns)
         && CFEqual(question.alternateButton, "Yes"_ns);
-    print(toQString(question.messageText) + QStringLiteral(": ") + toQString(question.informativeText));
-    print(QStringLiteral("Answer: ") + toQString(isYes ? question.alternateButton : question.defaultButton));
+    report_.question(toQString(question.messageText) + QStringLiteral(": ") + toQString(question.informativeText),
+        toQString(isYes ? question.alternateButton : question.defaultButton));
     return isYes ? alertAlternateReturn : alertDefaultReturn;
 }
 
-std::optional<SecretBytes> BatchPresenter::keychainPassphrase(const PassphraseQuestion&) { return std::nullopt; }
+// A wrong one is given again until the keychain has had enough: then the error says that it is wrong.
+std::optional<SecretBytes> BatchPresenter::keychainPassphrase(const PassphraseQuestion&) { return keychainPassphrase_; }
 
 } // namespace kf

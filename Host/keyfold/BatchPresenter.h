@@ -2,19 +2,26 @@
 #pragma once
 
 #include "Security/Presenter.h"
+#include "keyfold/BatchReport.h"
 
 namespace kf {
 
 /// Says "Yes" to the question about existing certificates where the command line
-/// does, gives every other question its safe answer, and prints both.
+/// does, gives every other question its safe answer, and reports both. Gives
+/// keychains the pass phrase that the command line named a file of.
 class BatchPresenter final : public Presenter {
 public:
-    explicit BatchPresenter(bool deleteOld) : deleteOld_(deleteOld) { }
+    BatchPresenter(BatchReport& report, bool deleteOld, std::optional<SecretBytes> keychainPassphrase)
+        : report_(report), deleteOld_(deleteOld), keychainPassphrase_(std::move(keychainPassphrase))
+    {
+    }
     NSInteger runAlert(const AlertQuestion& question) override;
     std::optional<SecretBytes> keychainPassphrase(const PassphraseQuestion& question) override;
 
 private:
+    BatchReport& report_;
     bool deleteOld_;
+    std::optional<SecretBytes> keychainPassphrase_;
 };
 
 } // namespace kf

@@ -1,19 +1,22 @@
 #include "keyfold/BatchRun.h"
 
 #include "AppKit/Text.h"
+#include "Foundation/NSLog.h"
 #include "KFWizard/KFWizardPane.h"
 #include "KFWizard/PlugIn.h"
 #include "KFWizard/WizardWindow.h"
 #include "keyfold/Application.h"
 #include "keyfold/BatchPresenter.h"
+#include "keyfold/BatchReport.h"
+#include "keyfold/DryRun.h"
 #include "keyfold/ExitStatus.h"
 #include "keyfold/InputFiles.h"
-#include "keyfold/Output.h"
 
 #include <QApplication>
 
 #include <csignal>
 #include <cstdio>
+#include <string.h>
 
 namespace kf {
 
@@ -31,18 +34,13 @@ private:
     Presenter* before_;
 };
 
-void printMessage(const QLabel* field, const QString& message)
-{
-    const QString about = field->accessibleDescription();
-    print(about.isEmpty() ? message : about + QStringLiteral(": ") + message);
-}
-
 // The spheres, as a screen reader tells them.
-void printStates(const QWidget& view)
+void reportStates(const QWidget& view, BatchReport& report)
 {
     for (const QLabel* sphere : view.findChildren<QLabel*>()) {
-        if (sphere->property("state").isValid())
-            print(sphere->accessibleName() + QStringLiteral(": ") + sphere->accessibleDescription());
+        const QVariant state = sphere->property("state");
+        if (state.isValid())
+            report.jobEnded(sphere->accessibleName(), sphere->accessibleDescription(), state.toLongLong() == 1);
     }
 }
 
@@ -53,35 +51,105 @@ void tellTrouble(QtMsgType type, const QMessageLogContext&, const QString& messa
         std::fprintf(stderr, "keyfold: %s\n", message.toLocal8Bit().constData());
 }
 
-int fail(int status, const std::string& message)
+/// What a run came to.
+struct Outcome {
+    int status = exitInstalled;
+    bool installed = false;
+};
+
+Outcome fail(BatchReport& report, int status, const std::string& message)
 {
-    std::fprintf(stderr, "keyfold: %s\n", message.c_str());
-    return status;
+    report.error(QString::fromStdString(message));
+    return {status, false};
 }
 
-int runPage(const CommandLine& line, WizardWindow& window)
+/// What the command line names, read.
+struct Inputs {
+    Ref<NSString> login;
+    Ref<NSString> pkcs12;
+    Ref<NSString> passphrase;
+    std::optional<SecretBytes> keychainPassphrase;
+};
+
+SecretBytes bytesOf(const Ref<NSString>& text)
 {
-    PlugIn plugIn(line.bundle.empty() ? defaultBundlePath() : QString::fromStdString(line.bundle));
-    std::unique_ptr<KFWizardPane> made = plugIn.createPane();
-    if (!made)
-        return fail(exitNoPage, plugIn.reason().toStdString());
+    std::string utf8 = toUTF8(text);
+    SecretBytes bytes(utf8.begin(), utf8.end());
+    explicit_bzero(utf8.data(), utf8.size());
+    return bytes;
+}
+
+QString bundlePathOf(const CommandLine& line)
+{
+    return line.bundle.empty() ? defaultBundlePath() : QString::fromStdString(line.bundle);
+}
+
+Outcome runPage(const CommandLine& line, std::unique_ptr<KFWizardPane> made, Inputs& inputs, BatchReport& report)
+{
+    WizardWindow window;
+    window.fields().setValue(inputs.login, "login"_ns);
+    window.fields().setValue(inputs.pkcs12, "pkcs12"_ns);
+    window.fields().setValue(std::exchange(inputs.passphrase, nullptr), "downloadpassword"_ns);
     KFWizardPane* pane = window.addSection()->addPane(std::move(made));
-    QObject::connect(pane, &KFWizardPane::messageShown, &window, printMessage);
-    print(toQString(pane->title()));
+    QObject::connect(pane, &KFWizardPane::messageShown, &window,
+        [&](const QLabel* field, const QString& text) { report.message(field->accessibleDescription(), text); });
+    report.title(toQString(pane->title()));
     if (!line.pictureFile.empty())
         window.show();
     window.goToPane(pane);
-    printStates(*pane->contentView());
+    reportStates(*pane->contentView(), report);
     const bool installed = static_cast<bool>(window.fields().valueForField("UserSecIdentityRef"_ns));
+    Outcome outcome{installed ? exitInstalled : exitNotInstalled, installed};
     if (!line.pictureFile.empty() && !window.grab().save(QString::fromStdString(line.pictureFile), "PNG")) {
-        const int status = installed ? exitIncomplete : exitNotInstalled;
-        return fail(status, line.pictureFile + " cannot be written");
+        report.error(QString::fromStdString(line.pictureFile) + QStringLiteral(" cannot be written"));
+        if (installed)
+            outcome.status = exitIncomplete;
     }
-    if (std::ferror(stdout)) {
-        const int status = installed ? exitIncomplete : exitNotInstalled;
-        return fail(status, "the output cannot be written");
+    return outcome;
+}
+
+Outcome runWithInputs(const CommandLine& line, Inputs& inputs, BatchReport& report)
+{
+    PlugIn plugIn(bundlePathOf(line));
+    std::unique_ptr<KFWizardPane> pane = plugIn.createPane();
+    if (!pane)
+        return fail(report, exitNoPage, plugIn.reason().toStdString());
+    const Bytes authority = shippedAuthority(plugIn.bundlePath());
+    if (line.dryRun) {
+        const BundleRequest request{line.login, line.pkcs12File, bytesOf(inputs.passphrase), authority};
+        return {reportDryRun(request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
     }
-    return installed ? exitInstalled : exitNotInstalled;
+    for (const QString& warning : impostorWarnings(authority))
+        report.warning(warning);
+    return runPage(line, std::move(pane), inputs, report);
+}
+
+/// Reads what the command line names; nothing, with the reason reported, where that fails.
+std::optional<Inputs> readInputs(const CommandLine& line, BatchReport& report, int& status)
+{
+    Inputs inputs;
+    inputs.login = NSString::stringWithUTF8String(line.login);
+    if (!inputs.login) {
+        status = fail(report, exitWrongUsage, "the login name is no UTF-8 text").status;
+        return std::nullopt;
+    }
+    const auto take = [&](const std::variant<Ref<NSString>, InputError>& read, Ref<NSString>& place) {
+        if (const auto* error = std::get_if<InputError>(&read)) {
+            status = fail(report, exitUnreadable, error->message).status;
+            return false;
+        }
+        place = std::get<Ref<NSString>>(read);
+        return true;
+    };
+    Ref<NSString> keychainPassphrase;
+    if (!take(readPKCS12AsBase64(line.pkcs12File), inputs.pkcs12)
+        || !take(readPassphrase(line.passphraseFile), inputs.passphrase)
+        || (!line.keychainPassphraseFile.empty()
+            && !take(readPassphrase(line.keychainPassphraseFile), keychainPassphrase)))
+        return std::nullopt;
+    if (keychainPassphrase)
+        inputs.keychainPassphrase = bytesOf(keychainPassphrase);
+    return inputs;
 }
 
 } // namespace
@@ -90,15 +158,11 @@ int runBatch(const CommandLine& line, char* program)
 {
     // Whoever reads less of the output than there is does not end the work.
     std::signal(SIGPIPE, SIG_IGN);
-    const Ref<NSString> login = NSString::stringWithUTF8String(line.login);
-    if (!login)
-        return fail(exitWrongUsage, "the login name is no UTF-8 text");
-    const auto bundle = readPKCS12AsBase64(line.pkcs12File);
-    if (const auto* error = std::get_if<InputError>(&bundle))
-        return fail(exitUnreadable, error->message);
-    auto passphrase = readPassphrase(line.passphraseFile);
-    if (const auto* error = std::get_if<InputError>(&passphrase))
-        return fail(exitUnreadable, error->message);
+    BatchReport report(line.output);
+    Outcome outcome;
+    auto inputs = readInputs(line, report, outcome.status);
+    if (!inputs)
+        return report.finish(outcome.status, false, line.dryRun);
 
     qInstallMessageHandler(tellTrouble);
     // Before Qt starts: without a display it would end the program.
@@ -107,13 +171,11 @@ int runBatch(const CommandLine& line, char* program)
     char* argv[] = {program, nullptr};
     const QApplication application(argc, argv);
 
-    BatchPresenter presenter(line.deleteOld);
+    BatchPresenter presenter(report, line.deleteOld, std::exchange(inputs->keychainPassphrase, std::nullopt));
     const PresenterScope scope(&presenter);
-    WizardWindow window;
-    window.fields().setValue(login, "login"_ns);
-    window.fields().setValue(std::get<Ref<NSString>>(bundle), "pkcs12"_ns);
-    window.fields().setValue(std::exchange(std::get<Ref<NSString>>(passphrase), nullptr), "downloadpassword"_ns);
-    return runPage(line, window);
+    const NSLogObserver log([&](const std::string& text) { report.logged(text); });
+    outcome = runWithInputs(line, *inputs, report);
+    return report.finish(outcome.status, outcome.installed, line.dryRun);
 }
 
 } // namespace kf

@@ -76,6 +76,12 @@ bool holdsAddress(const BundleInspection& certificate, const std::string& addres
     });
 }
 
+QString nameOf(const Bytes& authority)
+{
+    const auto fields = readCertificateFields(authority);
+    return fields ? QString::fromStdString(fields->commonName) : QString();
+}
+
 QStringList warningsAbout(const BundleInspection& certificate, const BundleRequest& request)
 {
     QStringList warnings;
@@ -91,22 +97,27 @@ QStringList warningsAbout(const BundleInspection& certificate, const BundleReque
         warnings +=
             translate("The certificate is issued for %1, not for %2. Is it yours?")
                 .arg(QString::fromStdString(certificate.emailAddresses.front()), QString::fromStdString(address));
-    const auto own = readCertificateFields(request.authority);
-    const QString authority = own ? QString::fromStdString(own->commonName) : QString();
     if (certificate.holdsImpostor)
         warnings += translate("The file also holds an authority that calls itself “%1” and is not the one that this "
                               "program brings along. Ask the help desk before you go on.")
-                        .arg(authority);
-    for (const std::string& path : keychainsWithImpostor(request.authority))
-        warnings += translate("A keychain holds an authority that calls itself “%1” and is not the one that this "
-                              "program brings along: %2. It would be trusted. Ask the help desk before you go on.")
-                        .arg(authority, QString::fromStdString(path));
+                        .arg(nameOf(request.authority));
+    warnings += impostorWarnings(request.authority);
     return warnings;
 }
 
 } // namespace
 
 std::string emailAddressOf(const std::string& login) { return login + KEYFOLD_EMAIL_DOMAIN; }
+
+QStringList impostorWarnings(const Bytes& authority)
+{
+    QStringList warnings;
+    for (const std::string& path : keychainsWithImpostor(authority))
+        warnings += translate("A keychain holds an authority that calls itself “%1” and is not the one that this "
+                              "program brings along: %2. It would be trusted. Ask the help desk before you go on.")
+                        .arg(nameOf(authority), QString::fromStdString(path));
+    return warnings;
+}
 
 BundleCheck checkBundle(const BundleRequest& request)
 {

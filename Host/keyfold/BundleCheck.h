@@ -37,6 +37,9 @@ std::string emailAddressOf(const std::string& login);
 /// seconds where the bundle's iteration counts are high. Any thread.
 BundleCheck checkBundle(const BundleRequest& request);
 
+/// One warning for each keychain that holds another authority of the institution's name; `authority` is DER.
+QStringList impostorWarnings(const Bytes& authority);
+
 /// A certificate's name, issuer and time of validity, in lines.
 QString describeCertificate(const BundleInspection& certificate);
 

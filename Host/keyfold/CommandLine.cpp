@@ -34,11 +34,18 @@ std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* cons
         {"--login", &line.login},
         {"--pkcs12", &line.pkcs12File},
         {"--passphrase-file", &line.passphraseFile},
+        {"--keychain-passphrase-file", &line.keychainPassphraseFile},
         {"--picture", &line.pictureFile},
         {"--bundle", &line.bundle},
         {"--delete-old", &deleteOld},
     };
-    const std::set<std::string_view> batchOnly = {"--passphrase-file", "--picture", "--delete-old"};
+    const std::set<std::string_view> batchOnly = {"--passphrase-file", "--keychain-passphrase-file", "--picture",
+        "--delete-old", "--dry-run", "--json", "--quiet", "--verbose"};
+    const std::map<std::string_view, CommandLine::Output> outputs = {
+        {"--json", CommandLine::Output::json},
+        {"--quiet", CommandLine::Output::quiet},
+        {"--verbose", CommandLine::Output::verbose},
+    };
     std::set<std::string_view> given;
 
     for (std::size_t i = 0; i < arguments.size(); ++i) {
@@ -53,6 +60,18 @@ std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* cons
         }
         if (argument == "--batch") {
             line.action = CommandLine::Action::batch;
+            continue;
+        }
+        if (argument == "--dry-run") {
+            line.dryRun = true;
+            given.insert("--dry-run");
+            continue;
+        }
+        if (const auto output = outputs.find(argument); output != outputs.end()) {
+            if (line.output != CommandLine::Output::text && line.output != output->second)
+                return UsageError{"--json, --quiet and --verbose exclude each other"};
+            line.output = output->second;
+            given.insert(output->first);
             continue;
         }
         const std::size_t equals = argument.find('=');
@@ -77,6 +96,8 @@ std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* cons
         return misuse("--login takes a name without white space and without the e-mail domain, not", line.login);
     if (line.pkcs12File == "-")
         return misuse("standard input is only for the pass phrase, not for", "--pkcs12");
+    if (line.passphraseFile == "-" && line.keychainPassphraseFile == "-")
+        return UsageError{"standard input can give one pass phrase only"};
     if (line.action == CommandLine::Action::batch) {
         if (const auto error = missingForBatch(line))
             return *error;
@@ -96,14 +117,21 @@ const char* usageText()
   keyfold [--login NAME] [--pkcs12 FILE]
       opens the wizard, with its fields filled in where given
   keyfold --batch --login NAME --pkcs12 FILE --passphrase-file FILE|-
-          [--delete-old yes|no] [--picture FILE]
+          [--keychain-passphrase-file FILE|-] [--delete-old yes|no] [--dry-run]
+          [--json | --quiet | --verbose] [--picture FILE]
       does the same without a display and prints what the page says
 
   --login NAME            the login name, without the e-mail domain
   --pkcs12 FILE           the PKCS#12 bundle: binary (.p12, .pfx) or base64 text
   --passphrase-file FILE  its pass phrase, the first line of FILE; - reads standard input
+  --keychain-passphrase-file FILE
+                          the pass phrase of the keychain, where it has one
   --delete-old yes        deletes old certificates of the person, old mail keys included: mail
                           encrypted for them can never be read again. Without it they are kept.
+  --dry-run               looks at everything, tells what would be done, and changes nothing
+  --json                  prints one JSON object instead of text
+  --quiet                 prints nothing unless something failed
+  --verbose               prints the lines of the log, too
   --picture FILE          writes a picture (PNG) of the page after the run
   --bundle DIRECTORY      takes the page from another plug-in bundle
   --help, --version

@@ -13,8 +13,12 @@ struct CommandLine {
     Action action = Action::window;
     std::string login;
     std::string pkcs12File;
-    std::string passphraseFile; ///< "-": standard input
+    std::string passphraseFile;         ///< "-": standard input
+    std::string keychainPassphraseFile; ///< "-": standard input; empty: none
     bool deleteOld = false;
+    bool dryRun = false;
+    enum class Output { text, quiet, verbose, json };
+    Output output = Output::text;
     std::string pictureFile; ///< empty: none
     std::string bundle;      ///< the page's bundle; empty: the one beside the program
 };

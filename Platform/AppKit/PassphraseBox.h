@@ -5,11 +5,13 @@
 
 #include <QDialog>
 
+class QLabel;
 class QLineEdit;
 
 namespace kf {
 
-/// Its field has the object name "passphraseField", its buttons "unlockButton" and "cancelButton".
+/// Names the keychain and says why it is asked for. Object names: "questionLabel", "retryLabel", "passphraseField",
+/// "showButton", "unlockButton", "cancelButton".
 class PassphraseBox final : public QDialog {
     Q_OBJECT
 public:
@@ -20,6 +22,8 @@ public:
     SecretBytes takePassphrase();
 
 private:
+    static QLabel* addText(const QString& text, const char* name);
+
     QLineEdit* field_;
 };
 

@@ -21,7 +21,7 @@ bool goesBy(const CertificateFields& fields, const std::string& alias)
 Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase,
     std::span<const std::uint8_t> authority)
 {
-    const auto bundle = keychain::readBundle(pkcs12, passphrase);
+    auto bundle = keychain::readBundle(pkcs12, passphrase);
     if (!bundle)
         return bundle.failure();
     auto leaf = readCertificateFields(bundle->leaf.der);
@@ -39,6 +39,7 @@ Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std
     inspection.notBefore = leaf->notBefore;
     inspection.notAfter = leaf->notAfter;
     inspection.holdsImpostor = isImpostor(bundle->leaf) || std::ranges::any_of(bundle->chain, isImpostor);
+    inspection.der = std::move(bundle->leaf.der);
     return inspection;
 }
 

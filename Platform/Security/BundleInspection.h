@@ -7,6 +7,7 @@ namespace kf {
 
 /// What a person is told of a bundle that can be imported.
 struct BundleInspection {
+    Bytes der;          ///< the certificate
     std::string name;   ///< of the certificate: its common name, else what comes next (CertificateFields::label); UTF-8
     std::string issuer; ///< the same of its issuer; empty where that has no name
     std::vector<std::string> emailAddresses;

@@ -63,6 +63,26 @@ KeychainHolding readForeignDatabase(const std::string& path, Span certificate)
     return holding;
 }
 
+Result<std::size_t> countIdentities(const std::string& emailAddress)
+{
+    std::size_t count = 0;
+    for (const std::string& path : keychain::searchListPaths(*keychain::backend())) {
+        const auto index = keychain::certificateIndex(path);
+        if (!index)
+            return index.failure();
+        for (const std::size_t at : (*index)->withAlias(emailAddress)) {
+            const auto& fields = (*index)->entries()[at].certificate->fields;
+            if (!fields || std::ranges::count(fields->emailAddresses, emailAddress) == 0)
+                continue;
+            const auto keys = keychain::keyIndex(path);
+            if (!keys)
+                return keys.failure();
+            count += (*keys)->find(fields->keyId) != nullptr;
+        }
+    }
+    return count;
+}
+
 InstalledState readInstalledState(Span personalCertificate, Span authority)
 {
     InstalledState state;

@@ -29,6 +29,10 @@ struct InstalledState {
 InstalledState readInstalledState(
     std::span<const std::uint8_t> personalCertificate, std::span<const std::uint8_t> authority);
 
+/// How many certificates of the searched keychains carry an e-mail address (byte for byte) and have their private key
+/// beside them. A locked keychain is asked for. Any thread.
+Result<std::size_t> countIdentities(const std::string& emailAddress);
+
 /// What the NSS database at a path holds of a certificate; its key and its trust are not looked at. Another program's
 /// database will do.
 KeychainHolding readForeignDatabase(const std::string& path, std::span<const std::uint8_t> certificate);

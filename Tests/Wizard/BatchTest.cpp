@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 
 #include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <algorithm>
 #include <sys/stat.h>
@@ -182,6 +185,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, BatchMisuse,
             "--login takes a name without white space and without the e-mail domain, not: ada@orvane.example"},
         Misuse{"BundleFromStandardInput", {"--batch", "--pkcs12", "-"},
             "standard input is only for the pass phrase, not for: --pkcs12"},
+        Misuse{"TwoFromStandardInput", {"--batch", "--passphrase-file", "-", "--keychain-passphrase-file", "-"},
+            "standard input can give one pass phrase only"},
+        Misuse{"JsonAndQuiet", {"--batch", "--json", "--quiet"}, "--json, --quiet and --verbose exclude each other"},
+        Misuse{"WindowWithJson", {"--json"}, "only for --batch: --json"},
+        Misuse{"WindowDry", {"--dry-run"}, "only for --batch: --dry-run"},
         Misuse{"WindowWithPassphrase", {"--passphrase-file", "f"}, "only for --batch: --passphrase-file"}),
     [](const auto& row) { return std::string(row.param.name); });
 
@@ -310,6 +318,197 @@ TEST_F(Batch, PrintsNoSecret)
 {
     const Ran ran = batch();
     EXPECT_THAT(ran.output, Not(HasSubstr(bundle_.passphrase)));
+}
+
+QJsonObject jsonOf(const Ran& ran)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(ran.output), &error);
+    EXPECT_EQ(error.error, QJsonParseError::NoError) << ran.output;
+    return document.object();
+}
+
+TEST_F(Batch, TellsEverythingInOneJsonObject)
+{
+    const Ran ran = batch({"--json"});
+    EXPECT_EQ(ran.status, 0);
+    const QJsonObject told = jsonOf(ran);
+    EXPECT_EQ(told["version"].toString(), QStringLiteral(KEYFOLD_VERSION));
+    EXPECT_EQ(told["exitStatus"].toInt(-1), 0);
+    EXPECT_TRUE(told["installed"].toBool());
+    EXPECT_FALSE(told["dryRun"].toBool(true));
+    const QJsonArray jobs = told["jobs"].toArray();
+    ASSERT_EQ(jobs.size(), 2);
+    EXPECT_EQ(jobs[0].toObject()["name"].toString(), QStringLiteral("Certificate authority"));
+    EXPECT_EQ(jobs[0].toObject()["state"].toString(), QStringLiteral("succeeded"));
+    EXPECT_EQ(jobs[0].toObject()["messages"].toArray(), QJsonArray{QStringLiteral("Certificate authority is valid")});
+    EXPECT_EQ(jobs[1].toObject()["messages"].toArray().size(), 2);
+    EXPECT_EQ(told["messages"].toArray(),
+        (QJsonArray{QJsonObject{{QStringLiteral("about"), QStringLiteral("Summary")},
+            {QStringLiteral("text"), QStringLiteral("Your certificates were successfully installed")}}}));
+    EXPECT_TRUE(told["log"].toArray().contains(QStringLiteral("Found 0 identities for address 'ada@orvane.example'")));
+    EXPECT_TRUE(told["errors"].toArray().isEmpty());
+    EXPECT_THAT(ran.output, Not(HasSubstr(bundle_.passphrase)));
+}
+
+TEST_F(Batch, JsonTellsAFailureAndAnsweredQuestions)
+{
+    EXPECT_EQ(batch().status, 0);
+    const QJsonObject again = jsonOf(batch({"--json"}));
+    EXPECT_EQ(again["questions"].toArray()[0].toObject()["answer"].toString(), QStringLiteral("No"));
+
+    writeFile(passphraseFile(), std::string_view("wrong\n"));
+    const Ran ran = batch({"--json"});
+    EXPECT_EQ(ran.status, 1);
+    const QJsonObject told = jsonOf(ran);
+    EXPECT_EQ(told["exitStatus"].toInt(-1), 1);
+    EXPECT_FALSE(told["installed"].toBool(true));
+    EXPECT_EQ(told["jobs"].toArray()[1].toObject()["state"].toString(), QStringLiteral("failed"));
+}
+
+TEST_F(Batch, JsonIsPrintedWhereNothingCouldBeDone)
+{
+    const Ran ran = run({"sh", "-c", "\"$@\" 2>/dev/null", "sh", KEYFOLD_PROGRAM, "--batch", "--json", "--login", "ada",
+        "--pkcs12", "/nonexistent", "--passphrase-file", passphraseFile()});
+    EXPECT_EQ(ran.status, 3);
+    EXPECT_EQ(jsonOf(ran)["errors"].toArray(),
+        QJsonArray{QStringLiteral("/nonexistent cannot be read: No such file or directory")});
+}
+
+TEST_F(Batch, QuietPrintsNothingUnlessSomethingFailed)
+{
+    EXPECT_EQ(batch({"--quiet"}).output, "");
+    writeFile(passphraseFile(), std::string_view("wrong\n"));
+    const Ran ran = batch({"--quiet"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("Personal certificate: Failed to install your personal certificate:\n"));
+}
+
+TEST_F(Batch, VerbosePrintsTheLogToo)
+{
+    EXPECT_THAT(batch({"--verbose"}).output, HasSubstr("\nLog: Found 0 identities for address 'ada@orvane.example'\n"));
+    EXPECT_THAT(batch().output, Not(HasSubstr("Log: ")));
+}
+
+/// Every file below a directory, with its content.
+std::map<std::string, Bytes> snapshot(const std::filesystem::path& directory)
+{
+    std::map<std::string, Bytes> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory))
+        files[entry.path().string()] = entry.is_regular_file() ? readFile(entry.path()) : Bytes();
+    return files;
+}
+
+TEST_F(Batch, ADryRunTellsWhatWouldBeDoneAndChangesNothing)
+{
+    const auto before = snapshot(home_.path());
+    const Ran ran = batch({"--dry-run"});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_EQ(ran.output,
+        "Dry run: nothing is changed\n"
+        "Certificate authority: Would be installed: for everybody with administrator rights, else for this user alone\n"
+        "Old certificates: None for ada@orvane.example\n"
+        "Personal certificate: Ada Example\n"
+        "Personal certificate: For ada@orvane.example\n"
+        "Personal certificate: Issued by Orvane Certification Authority 2\n"
+        "Personal certificate: Valid from 1 January 2020 until 1 January 2049\n"
+        "Personal certificate: Would be installed into "
+            + home_.defaultKeychain().string() + "\n");
+    EXPECT_EQ(snapshot(home_.path()), before);
+}
+
+TEST_F(Batch, ADryRunAfterARunChangesNothing)
+{
+    EXPECT_EQ(batch().status, 0);
+    const auto before = snapshot(home_.path());
+    const Ran ran = batch({"--dry-run", "--delete-old", "yes"});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_THAT(ran.output,
+        AllOf(HasSubstr("Certificate authority: Is trusted for this user already\n"),
+            HasSubstr("Old certificates: 1 for ada@orvane.example; the institution’s would be deleted"),
+            HasSubstr("Personal certificate: Is in " + home_.defaultKeychain().string() + " already\n")));
+    EXPECT_THAT(batch({"--dry-run"}).output, HasSubstr("Old certificates: 1 for ada@orvane.example; would be kept\n"));
+    EXPECT_EQ(snapshot(home_.path()), before);
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, ADryRunTellsABundleThatCannotBeInstalled)
+{
+    writeFile(passphraseFile(), std::string_view("wrong\n"));
+    const Ran ran = batch({"--dry-run"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("keyfold: This pass phrase does not open the file."));
+}
+
+TEST_F(Batch, ADryRunTellsAKeychainThatCannotBeUsed)
+{
+    std::filesystem::create_directories(home_.defaultKeychain());
+    writeFile(home_.defaultKeychain() / "cert9.db", std::string_view());
+    writeFile(home_.defaultKeychain() / "key4.db", std::string_view());
+    const Ran ran = batch({"--dry-run"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("A file of the keychain is empty."));
+}
+
+TEST_F(Batch, ADryRunWarnsAsTheSignInPageDoes)
+{
+    const Ran ran = keyfold({"--batch", "--dry-run", "--json", "--login", "grace", "--pkcs12", bundle_.file,
+        "--passphrase-file", passphraseFile()});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_THAT(
+        ran.output, HasSubstr("The certificate is issued for ada@orvane.example, not for grace@orvane.example."));
+}
+
+TEST_F(Batch, WarnsOfAnImpostorInAKeychain)
+{
+    std::filesystem::create_directories(home_.defaultKeychain());
+    mustRun({"certutil", "-N", "--empty-password", "-d", keychain()});
+    mustRun({"certutil", "-A", "-n", "impostor", "-t", ",,", "-i", institution().rootFile(), "-d", keychain()});
+    EXPECT_THAT(batch().output, HasSubstr("keyfold: warning: A keychain holds an authority that calls itself"));
+}
+
+class BatchWithKeychainPassphrase : public Batch {
+protected:
+    BatchWithKeychainPassphrase()
+    {
+        writeFile(secret_, "open sesame\n");
+        std::filesystem::create_directories(home_.defaultKeychain());
+        mustRun({"certutil", "-N", "-d", keychain(), "-f", secret_});
+    }
+    std::filesystem::path secret_ = home_.path() / "keychain-passphrase";
+};
+
+TEST_F(BatchWithKeychainPassphrase, TheRightOneUnlocksIt)
+{
+    const Ran ran = batch({"--keychain-passphrase-file", secret_});
+    EXPECT_EQ(ran.status, 0) << ran.output;
+    EXPECT_THAT(mustRun({"certutil", "-K", "-d", keychain(), "-f", secret_}), HasSubstr("Ada Example"));
+    EXPECT_THAT(ran.output, Not(HasSubstr("open sesame")));
+}
+
+TEST_F(BatchWithKeychainPassphrase, AWrongOneIsToldAsSuch)
+{
+    const auto wrong = home_.path() / "wrong";
+    writeFile(wrong, "close sesame\n");
+    const Ran ran = batch({"--keychain-passphrase-file", wrong});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("The pass phrase of the keychain is wrong."));
+}
+
+TEST_F(BatchWithKeychainPassphrase, WithoutOneItIsACleanFailure)
+{
+    const Ran ran = batch();
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output, HasSubstr("The operation was canceled."));
+}
+
+TEST_F(BatchWithKeychainPassphrase, ItMayComeFromADescriptor)
+{
+    const Ran ran = run({"sh", "-c",
+        "exec \"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" "
+        "--keychain-passphrase-file /dev/fd/3 3<\"$4\"",
+        "sh", KEYFOLD_PROGRAM, bundle_.file, passphraseFile(), secret_});
+    EXPECT_EQ(ran.status, 0) << ran.output;
 }
 
 } // namespace

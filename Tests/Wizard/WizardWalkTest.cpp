@@ -173,7 +173,8 @@ TEST_F(Walk, APageThatCannotBeLoadedIsToldWithItsReason)
 
 TEST(BatchPresenter, SaysYesToTheOneQuestionOnly)
 {
-    kf::BatchPresenter presenter(true);
+    kf::BatchReport report(kf::CommandLine::Output::json);
+    kf::BatchPresenter presenter(report, true, std::nullopt);
     kf::AlertQuestion question;
     question.messageText = "Existing certificates found"_ns;
     question.defaultButton = "No"_ns;
