@@ -92,12 +92,36 @@ std::variant<SecretBytes, InputError> readFile(int file, const std::string& path
     return bytes;
 }
 
-bool isBase64Text(const SecretBytes& bytes)
+std::string_view textOf(const SecretBytes& bytes)
 {
-    return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) {
-        return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9')
-            || std::strchr("+/= \t\r\n", byte);
-    }) && std::find(bytes.begin(), bytes.end(), 0) == bytes.end();
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+/// A SEQUENCE of 128 bytes or more, or of indefinite length.
+bool isDER(std::string_view bytes) { return bytes.size() > 1 && bytes[0] == '0' && (bytes[1] & 0x80) != 0; }
+
+bool isBase64(std::string_view text)
+{
+    constexpr std::string_view accepted = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/= \t\r\n";
+    return text.find_first_not_of(accepted) == std::string_view::npos;
+}
+
+/// The base64 text between BEGIN and END, as certtool writes a bundle (RFC 7468).
+std::variant<std::string_view, InputError> textBetweenLines(std::string_view text, const std::string& path)
+{
+    constexpr std::string_view begin = "-----BEGIN PKCS12-----";
+    constexpr std::string_view end = "-----END PKCS12-----";
+    const auto first = text.find(begin);
+    if (first == std::string_view::npos)
+        return InputError{path + " holds no PKCS#12 bundle: no line of it is " + std::string(begin)};
+    text.remove_prefix(first + begin.size());
+    const auto last = text.find(end);
+    if (last == std::string_view::npos)
+        return InputError{path + " is cut off: the line " + std::string(end) + " is missing"};
+    text = text.substr(0, last);
+    if (!isBase64(text) || text.find_first_not_of(" \t\r\n") == std::string_view::npos)
+        return InputError{path + " is damaged: between its BEGIN and END lines is no base64 text"};
+    return text;
 }
 
 } // namespace
@@ -117,8 +141,15 @@ std::variant<Ref<NSString>, InputError> readPKCS12AsBase64(const std::string& pa
     const auto& bytes = std::get<SecretBytes>(content);
     if (bytes.empty())
         return InputError{path + " is empty"};
-    if (isBase64Text(bytes))
-        return NSString::stringWithLatin1(bytes);
+    std::string_view text = textOf(bytes);
+    if (!isDER(text) && text.find("-----BEGIN ") != std::string_view::npos) {
+        const auto inner = textBetweenLines(text, path);
+        if (const auto* error = std::get_if<InputError>(&inner))
+            return *error;
+        text = std::get<std::string_view>(inner);
+    }
+    if (isBase64(text))
+        return NSString::stringWithUTF8String(text);
     const QByteArray encoded =
         QByteArray::fromRawData(reinterpret_cast<const char*>(bytes.data()), static_cast<qsizetype>(bytes.size()))
             .toBase64();

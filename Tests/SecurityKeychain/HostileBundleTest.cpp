@@ -40,6 +40,15 @@ double secondsOf(Work work)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+/// Where `part` stands last in `bytes`.
+Bytes::iterator lastPlace(Bytes& bytes, std::span<const std::uint8_t> part)
+{
+    const auto place = std::find_end(bytes.begin(), bytes.end(), part.begin(), part.end());
+    if (place == bytes.end())
+        throw std::runtime_error("a fixture lacks what is to be changed in it");
+    return place;
+}
+
 // --- Too many certificates and keys ---
 
 TEST(BundleLimits, AsManyCertificatesAsAreAllowedAreReadAndOneMoreIsTooLarge)
@@ -201,9 +210,7 @@ TEST_F(DamagedKey, AnECKeyWithoutASecretNumberIsDamaged)
     // version 1, then the scalar's octets
     constexpr std::array<std::uint8_t, 5> head = {0x02, 0x01, 0x01, 0x04, 0x20};
     Bytes pkcs8 = ada().privateKey;
-    const auto found = std::ranges::search(pkcs8, head);
-    ASSERT_FALSE(found.empty());
-    std::fill_n(found.end(), 32, std::uint8_t{0});
+    std::fill_n(lastPlace(pkcs8, head) + head.size(), 32, std::uint8_t{0});
     EXPECT_EQ(imported(Handmade().plainKey(pkcs8).certificate(ada().leaf)), errSecDecode);
 }
 
@@ -213,6 +220,13 @@ TEST_F(DamagedKey, AKeyOfAKindThatTheDatabaseLacksMakesNoKeychain)
     options.key = KeyKind::ed25519;
     const auto bundle = authority().issue(options);
     EXPECT_EQ(imported(bundle.pkcs12), errSecUnsupportedKeyFormat);
+}
+
+TEST_F(DamagedKey, AKeyOnACurveThatTheDatabaseLacksIsNotCalledDamaged)
+{
+    const kf::ScopedEVP_PKEY key(EVP_EC_gen("secp256k1"));
+    EXPECT_EQ(imported(Handmade().key(key.get()).certificate(certify("Ada", "nobody", key.get()))),
+        errSecUnsupportedKeyFormat);
 }
 
 // --- Costly key derivations ---
@@ -231,10 +245,8 @@ X509_ALGOR* scryptWith(const std::array<std::uint8_t, 4>& numbers)
     X509_ALGOR* const algorithm = scrypt();
     Bytes der = kf::test::encoded(algorithm, i2d_X509_ALGOR);
     X509_ALGOR_free(algorithm);
-    const auto found = std::ranges::search(der, usual);
-    EXPECT_FALSE(found.empty());
-    std::ranges::copy(
-        std::array<std::uint8_t, 10>{2, 2, numbers[0], numbers[1], 2, 1, numbers[2], 2, 1, numbers[3]}, found.begin());
+    std::ranges::copy(std::array<std::uint8_t, 10>{2, 2, numbers[0], numbers[1], 2, 1, numbers[2], 2, 1, numbers[3]},
+        lastPlace(der, usual));
     const unsigned char* place = der.data();
     return d2i_X509_ALGOR(nullptr, &place, static_cast<long>(der.size()));
 }
@@ -259,14 +271,11 @@ TEST(BundleCost, WhatTakesTooMuchTimeOrMemoryIsRefusedAtOnce)
         {"scrypt's memory by its block size", bundleClaiming(scryptWith({0x40, 0, 0x7f, 1}))},
         {"scrypt's time by its lanes", bundleClaiming(scryptWith({0x40, 0, 8, 0x7f}))},
     };
-    for (const auto& [name, bundle] : bundles)
-        for (const char* passphrase : {Handmade::passphrase, "wrong"})
-            EXPECT_LT(secondsOf([&] {
-                EXPECT_EQ(readBundle(bundle, secret(passphrase)).status(), errSecDataTooLarge)
-                    << name << ", " << passphrase;
-            }),
-                1.0)
-                << name;
+    for (const auto& bundle : bundles)
+        for (const char* passphrase : {Handmade::passphrase, "wrong"}) {
+            const auto read = [&] { return readBundle(bundle.second, secret(passphrase)).status(); };
+            EXPECT_LT(secondsOf([&] { EXPECT_EQ(read(), errSecDataTooLarge); }), 1.0) << bundle.first << passphrase;
+        }
 }
 
 TEST(BundleCost, ManyDerivationsThatAreEachAffordableAreTooMuchTogether)
@@ -320,9 +329,7 @@ TEST(BundleSeal, OneOfAKindThatThisSystemLacksIsUnsupported)
     constexpr std::array<std::uint8_t, 9> sha256 = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01};
     constexpr std::array<std::uint8_t, 9> pbmac1 = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x05, 0x0e};
     Bytes bundle = ada().pkcs12;
-    const auto found = std::ranges::find_end(bundle, sha256);
-    ASSERT_FALSE(found.empty());
-    std::ranges::copy(pbmac1, found.begin());
+    std::ranges::copy(pbmac1, lastPlace(bundle, sha256));
     EXPECT_EQ(readBundle(bundle, secret(ada().passphrase)).status(), errSecUnsupportedKeyFormat);
 }
 
@@ -352,9 +359,7 @@ TEST(BundleSeal, DamageInABundleWithoutOneIsNotTakenForTheWrongPassphrase)
 {
     Bytes bundle = unsealed({"-certpbe", "NONE", "-keypbe", "NONE"});
     ASSERT_EQ(statusOf(bundle), errSecSuccess);
-    const auto serial = std::ranges::search(bundle, std::span(ada().leaf).subspan(8, 5));
-    ASSERT_FALSE(serial.empty());
-    *serial.begin() ^= 0x20U; // the certificate's version
+    *lastPlace(bundle, std::span(ada().leaf).subspan(8, 5)) ^= 0x20U; // the certificate's version
     EXPECT_EQ(statusOf(bundle), errSecDecode);
 }
 
