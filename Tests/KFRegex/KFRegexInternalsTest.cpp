@@ -79,7 +79,7 @@ public:
     {
     }
     CFHashCode hash() const noexcept override { return 1; }
-    static void* operator new(std::size_t size) { return NSString::operator new(size); }
+    using NSString::operator new;
 
 private:
     ~HugeString() override { munmap(const_cast<char16_t*>(utf16().data()), bytes_); }
@@ -319,14 +319,12 @@ TEST_F(Subjects, MovedWithTheirBufferAreHandedToICUAnew)
 {
     const Ref<NSString> subject = text(std::string(3000, 'a') + "b");
     EXPECT_EQ(rangeOfRegex(subject, "b"_ns), (NSRange{3000, 1}));
-    char16_t* const before = dynamicBuffer.uniChar;
     EXPECT_FALSE(isMatchedByRegex(text(std::string(900000, 'c')), "x"_ns));
     EXPECT_TRUE(isMatchedByRegex(subject, "a"_ns));
-    if (dynamicBuffer.uniChar == before)
-        GTEST_SKIP() << "the allocator gave the same place again";
     EXPECT_EQ(rangeOfRegex(subject, "b"_ns, NSRange{2000, 1001}), (NSRange{3000, 1}));
     EXPECT_EQ(rangeOfRegex(subject, "b"_ns), (NSRange{3000, 1}));
     EXPECT_EQ(slotOf("b"_ns).setToUniChar, dynamicBuffer.uniChar);
+    EXPECT_EQ(textInICU(slotOf("b"_ns)), dynamicBuffer.uniChar);
 }
 
 TEST_F(Subjects, WhoseSetUpFailsLeaveICUNoPointerToTheOneBefore)

@@ -158,6 +158,12 @@ bool lockIsHeld() noexcept
 
 void releaseScratch(void*& scratch) noexcept { std::free(std::exchange(scratch, nullptr)); }
 
+/// Frees the first scratch memories when an operation ends, however it ends.
+struct ScratchRelease {
+    std::size_t count;
+    ~ScratchRelease() { std::for_each_n(scratchBuffer, count, releaseScratch); }
+};
+
 /// Temporary memory of one operation: the stack's as far as it goes.
 class StackSpace {
 public:
@@ -489,11 +495,6 @@ void openRegex(CacheSlot* slot, UParseError* parseError, UErrorCode* status, Pen
         slot->icu_regex.reset(uregex_open(text, static_cast<std::int32_t>(length), slot->options, parseError, status));
 }
 
-/// A very long pattern never keeps its temporary copy.
-struct PatternScratchRelease {
-    ~PatternScratchRelease() { releaseScratch(scratchBuffer[0]); }
-};
-
 [[gnu::noinline]] CacheSlot* compileIntoSlot(
     CacheSlot* slot, const Ref<NSString>& regexString, std::uint32_t options, Ref<NSError>* error, Pending* exception)
 {
@@ -503,7 +504,7 @@ struct PatternScratchRelease {
         return nullptr;
     slot->options = options;
 
-    const PatternScratchRelease releaseAtTheEnd;
+    const ScratchRelease releaseAtTheEnd{1}; // a very long pattern never keeps its temporary copy
     UParseError parseError{-1, -1, {}, {}};
     UErrorCode status = U_ZERO_ERROR;
     openRegex(slot, &parseError, &status, exception);
@@ -973,19 +974,11 @@ Ref<NSArray> kfr_makeArray(const CacheSlot* slot, std::uint32_t regexOp, const F
         strings, findAll->found, slot->captureCount + 1, stack, *findAll->arraysScratchBuffer, exception);
 }
 
-struct FindAllScratchRelease {
-    ~FindAllScratchRelease()
-    {
-        for (std::size_t i = 0; i < 3; ++i)
-            releaseScratch(scratchBuffer[i]);
-    }
-};
-
 [[gnu::noinline]] Ref<NSArray> findAllMatches(
     CacheSlot* slot, std::uint32_t regexOp, NSRange range, NSInteger capture, Pending* exception, UErrorCode* status)
 {
     alignas(NSRange) std::byte ranges[rangesOnStack * sizeof(NSRange)]; // not cleared: 32 KB
-    const FindAllScratchRelease releaseAtTheEnd;
+    const ScratchRelease releaseAtTheEnd{3};
     const std::uint32_t code = regexOp & codeMask;
     FindAll findAll{reinterpret_cast<NSRange*>(ranges), rangesOnStack, sizeof ranges, 0,
         code == firstCapturesOp ? 1 : static_cast<CFIndex>(NSNotFound), capture, range, &scratchBuffer[0],
