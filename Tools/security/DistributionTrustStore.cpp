@@ -181,8 +181,11 @@ Outcome DistributionTrustStore::add(const Bytes& certificate)
     const bool isThere = readFile(anchor, anchorSizeLimit).text == text;
     if (isThere && bundleHolds(certificate))
         return unchanged("was there already (" + anchor + ")");
-    if (const std::string error = writeFileAtomically(anchor, text, 0644); !error.empty())
+    if (const std::string error = writeFileAtomically(anchor, text, 0644); !error.empty()) {
+        if (!isThere)
+            ::unlink(anchor.c_str());
         return failed(error);
+    }
     const std::string error = update();
     // Its hooks may fail although the store itself is right.
     if (bundleHolds(certificate))

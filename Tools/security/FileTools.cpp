@@ -146,9 +146,12 @@ std::string removeFile(const std::string& path)
 {
     bool isGone = false;
     for (const std::string& name : {temporaryOf(path), path}) {
-        if (::unlink(name.c_str()) == 0)
+        struct stat status = {};
+        if (::lstat(name.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
+            continue; // deleting would fail where nothing can be written, though there is nothing to delete
+        if (::unlink(name.c_str()) == 0 || errno == ENOENT)
             isGone = true;
-        else if (errno != ENOENT && errno != ENOTDIR)
+        else
             return "cannot delete " + name + ": " + errorText(errno);
     }
     return isGone ? syncDirectory(directoryOf(path)) : std::string();

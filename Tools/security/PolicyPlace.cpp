@@ -35,19 +35,21 @@ Outcome PolicyPlace::add(const Bytes& certificate)
     Record record(files_.record);
     const Record before = record;
     PolicyFile file(files_.policies, record);
-    for (const PolicyEntry& entry : entriesFor(certificate, file))
+    const std::vector<PolicyEntry> entries = entriesFor(certificate, file);
+    for (const PolicyEntry& entry : entries)
         file.put(entry);
     if (!file.error().empty())
         return failed(file.error());
     record.add(userLine(certificate));
     const bool isChanged = file.isChanged();
-    std::string error = record.prepare();
-    if (error.empty())
-        error = prepare(certificate, record);
+    std::string error = prepare(certificate, record);
     if (error.empty())
         error = file.save();
     if (!error.empty()) {
-        record.takeBack(before);
+        // A file may be in its place although the disk does not confirm it.
+        const PolicyFile now(files_.policies, record);
+        if (std::ranges::none_of(entries, [&](const PolicyEntry& entry) { return now.holds(entry); }))
+            record.takeBack(before);
         return finish(failed(error), record);
     }
     const std::string where = " (" + files_.policies + ")";
@@ -65,7 +67,7 @@ Outcome PolicyPlace::remove(const Bytes& certificate)
     const auto isHeld = [&](const PolicyEntry& entry) { return file.holds(entry); };
     const bool hadEntries = std::ranges::any_of(entries, isHeld);
     if (!hadEntries && !record.has(userLine(certificate)) && file.error().empty())
-        return isPresent() ? unchanged("was not there") : notPresent();
+        return finish(isPresent() ? unchanged("was not there") : notPresent(), record);
     record.erase(userLine(certificate));
     if (!record.hasPrefix(userWord))
         std::ranges::copy(everySharedEntry(), std::back_inserter(entries));

@@ -51,7 +51,8 @@ std::string Record::write(const std::set<std::string>& lines)
 {
     if (!error_.empty())
         return error_;
-    if (lines == saved_)
+    // Without lines there may still be what a run left that did not come to its end.
+    if (lines == saved_ && !lines.empty())
         return {};
     std::string text;
     for (const std::string& line : lines)

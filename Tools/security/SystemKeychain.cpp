@@ -28,6 +28,17 @@ Result<SecCertificateRef> findItem(const Bytes& certificate)
     return match == found->end() ? SecCertificateRef() : *match;
 }
 
+/// After an addition that failed: what is not there is not ours.
+void forgetAddition(const Bytes& certificate)
+{
+    const auto item = findItem(certificate);
+    if (!item || *item)
+        return;
+    Record record = openRecord();
+    record.erase(lineFor(certificate));
+    static_cast<void>(record.save()); // what stays is a line too many
+}
+
 Outcome removeOurs(const SecCertificateRef& item, Record& record, const std::string& line)
 {
     if (const OSStatus status = SecKeychainItemDelete(item); status != errSecSuccess)
@@ -69,7 +80,10 @@ Outcome SystemKeychain::add(const Bytes& certificate)
     if (const std::string error = noteAddition(certificate); !error.empty())
         return failed(error);
     const OSStatus status = SecTrustSettingsSetTrustSettings(item, kSecTrustSettingsDomainAdmin, trustAsRoot());
-    return status == errSecSuccess ? done("trusted") : failed(statusText(status));
+    if (status == errSecSuccess)
+        return done("trusted");
+    forgetAddition(certificate);
+    return failed(statusText(status));
 }
 
 Outcome SystemKeychain::remove(const Bytes& certificate)

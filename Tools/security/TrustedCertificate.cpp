@@ -65,7 +65,7 @@ int changeEveryPlace(const std::function<Outcome(TrustPlace&)>& change, bool sto
 {
     // An addition and a removal that overlap would leave some places with the one and some with the other.
     constexpr const char* lockPath = "/run/keyfold-trust.lock";
-    constexpr auto patience = std::chrono::seconds(90);
+    constexpr auto patience = std::chrono::minutes(4); // longer than any one place takes
     const FileLock turn(lockPath, patience);
     if (!turn.isHeld()) {
         report(systemKeychainName, false, std::string("another run does not end (") + lockPath + ")");
