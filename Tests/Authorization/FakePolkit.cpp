@@ -59,6 +59,23 @@ int startDaemon(const std::filesystem::path& directory)
     return std::stoi(text);
 }
 
+/// Sends an answer of polkit's form.
+int reply(sd_bus_message* message, const FakePolkit::Answer& answer)
+{
+    sd_bus_message* sending = nullptr;
+    sd_bus_message_new_method_return(message, &sending);
+    sd_bus_message_open_container(sending, 'r', "bba{ss}");
+    sd_bus_message_append(sending, "bb", answer.isAuthorized, answer.isChallenge);
+    sd_bus_message_open_container(sending, 'a', "{ss}");
+    for (const std::string& key : answer.details)
+        sd_bus_message_append(sending, "{ss}", key.c_str(), "true");
+    sd_bus_message_close_container(sending);
+    sd_bus_message_close_container(sending);
+    const int sent = sd_bus_send(nullptr, sending, nullptr);
+    sd_bus_message_unref(sending);
+    return sent;
+}
+
 } // namespace
 
 bool PrivateBus::isPossible() { return ::access(daemonPath, X_OK) == 0; }
@@ -189,17 +206,7 @@ int FakePolkit::check(sd_bus_message* message)
         const sd_bus_error error{answer_.errorName.c_str(), answer_.errorText.c_str(), 0};
         return sd_bus_reply_method_error(message, &error);
     }
-    sd_bus_message* reply = nullptr;
-    sd_bus_message_new_method_return(message, &reply);
-    sd_bus_message_open_container(reply, 'r', "bba{ss}");
-    sd_bus_message_append(reply, "bb", answer_.isAuthorized, answer_.isChallenge);
-    sd_bus_message_open_container(reply, 'a', "{ss}");
-    for (const std::string& key : answer_.details)
-        sd_bus_message_append(reply, "{ss}", key.c_str(), "true");
-    sd_bus_message_close_container(reply);
-    sd_bus_message_close_container(reply);
-    const int sent = sd_bus_send(nullptr, reply, nullptr);
-    sd_bus_message_unref(reply);
+    const int sent = reply(message, answer_);
     return sent < 0 ? sent : 1;
 }
 
@@ -213,7 +220,7 @@ int FakePolkit::cancel(sd_bus_message* message)
         changed_.notify_all();
     }
     if (open_ && answer_.heedsCancellation)
-        sd_bus_reply_method_errorf(open_, "org.freedesktop.PolicyKit1.Error.Cancelled", "given up");
+        reply(open_, Answer()); // as polkit does
     return sd_bus_reply_method_return(message, "");
 }
 

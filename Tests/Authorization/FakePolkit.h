@@ -56,7 +56,7 @@ public:
         std::string errorName = {};            ///< not empty: an error instead
         std::string errorText = {};
         bool never = false;            ///< no answer
-        bool heedsCancellation = true; ///< whether giving up brings the answer that it was cancelled
+        bool heedsCancellation = true; ///< whether giving up brings an answer
     };
 
     explicit FakePolkit(Answer answer);

@@ -126,7 +126,8 @@ public:
                 return errAuthorizationCanceled;
             poll(request);
         }
-        return *status_;
+        // polkit answers to a cancellation as to a refusal.
+        return givenUp_ && *status_ != errAuthorizationSuccess ? errAuthorizationCanceled : *status_;
     }
 
 private:

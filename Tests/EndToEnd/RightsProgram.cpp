@@ -1,0 +1,98 @@
+// rights [--cancel-after MILLISECONDS] [--interaction no] [--pipe] [add FILE | remove FILE | run PROGRAM]...
+//
+// Obtains the administrator's right and then, under it, runs the tool for each
+// command in turn, as the installer page does; tells what came of each.
+
+#include "Foundation/NSError.h"
+#include "Keychain/SFAuthorization+Execute.h"
+#include "Security/Authorization/OpenRequest.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <sys/wait.h>
+#include <thread>
+
+namespace {
+
+bool hasPipe = false;
+
+Ref<NSString> text(const char* words) { return NSString::stringWithUTF8String(words); }
+
+Ref<NSArray> addWords(const Ref<NSString>& file)
+{
+    return NSArray::arrayWithObjects({"add-trusted-cert"_ns, "-k"_ns, "/Library/Keychains/System.keychain"_ns, "-d"_ns,
+        "-r"_ns, "trustRoot"_ns, file});
+}
+
+void tell(const char* what, std::int32_t code, const Ref<NSError>& error)
+{
+    std::printf("%s: %d %s\n", what, code, error ? toUTF8(error->localizedDescription()).c_str() : "");
+}
+
+void execute(const Ref<SFAuthorization>& authorization, std::string_view command, const char* operand)
+{
+    Ref<NSArray> arguments;
+    Ref<NSString> path = "/usr/bin/security"_ns;
+    if (command == "add")
+        arguments = addWords(text(operand));
+    else if (command == "remove")
+        arguments = NSArray::arrayWithObjects({"remove-trusted-cert"_ns, "-d"_ns, text(operand)});
+    else
+        path = text(operand);
+    Ref<NSError> error;
+    std::FILE* pipe = nullptr;
+    const std::int32_t result =
+        Execute::executePrivilegedTool(authorization, path, arguments, !hasPipe, hasPipe ? &pipe : nullptr, &error);
+    for (int character; pipe && (character = std::fgetc(pipe)) != EOF;)
+        std::putchar(character);
+    if (pipe)
+        std::fclose(pipe);
+    if (pipe)
+        ::waitpid(-1, nullptr, 0);
+    tell(error ? "failed" : "ended", result, error);
+    if (::waitpid(-1, nullptr, WNOHANG) != -1)
+        std::puts("a child is left");
+}
+
+} // namespace
+
+int main(int count, char** words)
+{
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    AuthorizationFlags flags = 19;
+    std::thread canceling;
+    const auto authorization = SFAuthorization::authorization();
+    bool isObtained = false;
+    const auto obtain = [&] {
+        Ref<NSError> error;
+        isObtained = authorization->obtainWithRight("system.privilege.admin"_ns, flags, &error);
+        tell("obtained", error ? static_cast<std::int32_t>(error->code()) : 0, error);
+    };
+    int index = 1;
+    for (; index < count; ++index) {
+        const std::string_view word = words[index];
+        if (word == "--cancel-after" && index + 1 < count) {
+            const std::chrono::milliseconds time(std::atoi(words[++index]));
+            canceling = std::thread([time] {
+                std::this_thread::sleep_for(time);
+                kf::authorization::cancelOpenRequests();
+            });
+        } else if (word == "--interaction" && index + 1 < count) {
+            ++index;
+            flags = kAuthorizationFlagExtendRights;
+        } else if (word == "--pipe") {
+            hasPipe = true;
+        } else {
+            break;
+        }
+    }
+    obtain();
+    for (; isObtained && index + 1 < count; index += 2)
+        execute(authorization, words[index], words[index + 1]);
+    if (canceling.joinable())
+        canceling.join();
+    return isObtained ? 0 : 1;
+}
