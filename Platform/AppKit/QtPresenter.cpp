@@ -1,6 +1,7 @@
 #include "AppKit/QtPresenter.h"
 
 #include "AppKit/AlertBox.h"
+#include "AppKit/IdentityBox.h"
 #include "AppKit/MainThread.h"
 #include "AppKit/PassphraseBox.h"
 
@@ -52,6 +53,18 @@ std::optional<SecretBytes> QtPresenter::keychainPassphrase(const PassphraseQuest
             passphrase = box.takePassphrase();
     });
     return passphrase;
+}
+
+std::optional<std::size_t> QtPresenter::chooseIdentity(const IdentityQuestion& question)
+{
+    std::optional<std::size_t> choice;
+    performOnMainThread([&] {
+        IdentityBox box(question, window_);
+        new RejectOnQuit(&box);
+        if (box.exec() == QDialog::Accepted)
+            choice = box.selectedChoice();
+    });
+    return choice;
 }
 
 } // namespace kf

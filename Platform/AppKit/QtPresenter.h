@@ -17,6 +17,7 @@ public:
 
     NSInteger runAlert(const AlertQuestion& question) override;
     std::optional<SecretBytes> keychainPassphrase(const PassphraseQuestion& question) override;
+    std::optional<std::size_t> chooseIdentity(const IdentityQuestion& question) override;
 
 private:
     QPointer<QWidget> window_;

@@ -10,6 +10,8 @@ std::atomic<Presenter*> currentPresenter{nullptr};
 
 Presenter::~Presenter() = default;
 
+std::optional<std::size_t> Presenter::chooseIdentity(const IdentityQuestion&) { return std::nullopt; }
+
 Presenter* Presenter::current() noexcept { return currentPresenter.load(); }
 
 Presenter* Presenter::setCurrent(Presenter* presenter) noexcept { return currentPresenter.exchange(presenter); }

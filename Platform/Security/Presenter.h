@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace kf {
 
@@ -32,6 +33,21 @@ struct PassphraseQuestion {
     int attempt = 1; ///< 1, then one more for each wrong answer
 };
 
+/// One of the identities to choose from, as a person reads it. Nil texts are not known.
+struct IdentityChoice {
+    Ref<NSString> name;
+    Ref<NSString> issuer;
+    Ref<NSString> emailAddresses; ///< separated by commas
+    std::int64_t notBefore = 0;   ///< seconds since the Unix epoch
+    std::int64_t notAfter = 0;
+};
+
+struct IdentityQuestion {
+    Ref<NSString> message;
+    Ref<NSString> alternateButton;
+    std::vector<IdentityChoice> choices; ///< may be empty
+};
+
 class Presenter {
 public:
     virtual ~Presenter();
@@ -42,6 +58,11 @@ public:
     virtual NSInteger runAlert(const AlertQuestion& question) = 0;
     /// The pass phrase of a keychain; nothing where the person cancels. Any thread.
     virtual std::optional<SecretBytes> keychainPassphrase(const PassphraseQuestion& question) = 0;
+
+    /// Asks which identity to use and gives its place in the question's choices;
+    /// nothing where the person presses the alternate button, closes or escapes.
+    /// A presenter that knows no such question chooses nothing. Any thread.
+    virtual std::optional<std::size_t> chooseIdentity(const IdentityQuestion& question);
 
     /// The process's presenter, or null. Any thread.
     static Presenter* current() noexcept;

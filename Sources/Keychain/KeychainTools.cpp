@@ -2,6 +2,7 @@
 
 #include "Foundation/NSLog.h"
 #include "Keychain/KFUtilities.h"
+#include "Security/SFChooseIdentityPanel.h"
 #include "Security/SecKeychainSearch.h"
 
 #include <algorithm>
@@ -73,6 +74,19 @@ SecKeychainSearchRef createAliasSearch(std::string& alias)
         return search;
     NSLog("SecKeychainSearchCreateFromAttributes failed: %@", KeychainTools::stringForErrorCode(status));
     return nullptr;
+}
+
+/// The identities of those certificates whose private key is found; others are left out in silence.
+Ref<NSArray> identitiesOf(const Ref<NSArray>& certificates)
+{
+    const auto identities = NSMutableArray::array();
+    for (const auto& certificate : *certificates) {
+        SecIdentityRef identity;
+        SecIdentityCreateWithCertificate(nullptr, refCast<SecCertificate>(certificate), &identity);
+        if (identity)
+            identities->addObject(identity);
+    }
+    return identities;
 }
 
 } // namespace
@@ -214,4 +228,23 @@ Ref<NSString> KeychainTools::getReadableNameFromCertificate(const SecKeychainIte
     auto name = NSString::stringWithBytes({bytes, end}, NSMacOSRomanStringEncoding);
     NSLog("Certificate name retrieved: %@", name);
     return name;
+}
+
+SecCertificateRef KeychainTools::userSelectCertificateFromArray(const Ref<NSArray>& certificates)
+{
+    if (countOf(certificates) == 0) {
+        NSLog("displayIdentityPanel didn't receive any certificates to display");
+        return nullptr;
+    }
+    const auto identities = identitiesOf(certificates);
+    const auto panel = SFChooseIdentityPanel::sharedChooseIdentityPanel();
+    panel->setAlternateButtonTitle("Cancel"_ns);
+    if (panel->runModalForIdentities(identities, "Which personal certificate would you like to use?"_ns) == 0) {
+        NSLog("User clicked Cancel in Choose Identity dialog");
+        return nullptr;
+    }
+    SecCertificateRef certificate;
+    if (const SecIdentityRef identity = panel->identity())
+        SecIdentityCopyCertificate(identity, &certificate);
+    return certificate;
 }

@@ -1,8 +1,8 @@
 // Certificates, identities and items of the keychains.
 //
-// Nothing here raises or keeps state; everything runs on the thread of its
-// caller. A failure is a nil, null or false result and, where said, a line in
-// the system log that ends in the status's text.
+// Nothing here raises, but for an array that changes while it is walked, or
+// keeps state; everything runs on the thread of its caller. A failure is a nil, null or false result and, where said, a
+// line in the system log that ends in the status's text.
 #pragma once
 
 #include "Foundation/NSArray.h"
@@ -62,4 +62,11 @@ public:
     /// A certificate's label, its first 255 bytes up to a zero byte, read as Mac
     /// OS Roman whatever was written; nil, logged, where it cannot be read.
     static Ref<NSString> getReadableNameFromCertificate(const SecKeychainItemRef& certificate);
+
+    /// Lets the person choose one of the certificates whose private key is in the
+    /// search list and gives it; the caller owns it. Null, logged, for an empty
+    /// array, which nobody is asked about, and where nothing is chosen. Blocks
+    /// until the person answers; main thread. Raises where the array is changed
+    /// while it is walked.
+    static SecCertificateRef userSelectCertificateFromArray(const Ref<NSArray>& certificates);
 };

@@ -6,9 +6,11 @@
 #include "KFWizard/KFWizardPane.h"
 #include "Security/Keychain/MemoryBackend.h"
 #include "Security/Keychain/Store.h"
+#include "Security/SFChooseIdentityPanel.h"
 #include "Tests/Support/Fixtures.h"
 #include "Tests/Support/RecordingAuthorization.h"
 #include "Tests/Support/ScratchHome.h"
+#include "Tests/Wizard/DemonstrationIdentities.h"
 #include "keyfold/Application.h"
 
 #include <QApplication>
@@ -37,6 +39,7 @@ public:
 
     bool take()
     {
+        saveChooser();
         const Bundle first = authority_.issue();
         signIn(first, QString());
         save(window_->grab(), "sign-in");
@@ -112,6 +115,26 @@ private:
             qobject_cast<QDialog*>(widget)->reject();
             return;
         }
+    }
+
+    void saveChooser()
+    {
+        const kf::keychain::ScopedBackend keychains(std::make_shared<kf::keychain::MemoryBackend>());
+        kf::QtPresenter presenter;
+        kf::Presenter* const before = kf::Presenter::setCurrent(&presenter);
+        const auto identities = NSMutableArray::array();
+        for (const BundleOptions& options : demonstrationIdentities())
+            identities->addObject(importIdentity(authority_.issue(options)));
+        QTimer::singleShot(0, [this] {
+            QWidget* const box = QApplication::activeModalWidget();
+            box->resize(box->width(), 700);
+            QApplication::processEvents();
+            save(box->grab(), "chooser");
+            box->close();
+        });
+        SFChooseIdentityPanel::sharedChooseIdentityPanel()->runModalForIdentities(
+            identities, "Which personal certificate would you like to use?"_ns);
+        kf::Presenter::setCurrent(before);
     }
 
     void saveHelp()
