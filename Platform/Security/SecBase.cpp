@@ -96,6 +96,11 @@ Ref<NSString> securityErrorText(OSStatus status)
         return "Another program is changing the keychain and does not come to an end."_ns;
     case errSecPreferenceDamaged:
         return "The record of which identity to use is damaged. It was kept."_ns;
+    case errSecKeychainPathTooLong:
+        return "The path of the keychain is too long for a database."_ns;
+    case errSecIssuerAndSerialTaken:
+        return "A different certificate with the same issuer and serial number is in the keychain, which cannot hold "
+               "both. Delete that one first if the new one is to take its place."_ns;
     case errSecUnsupportedKeyFormat:
         return "The file uses an algorithm or a kind of key that this system does not support."_ns;
     case errSecUnsupportedKeySize:

@@ -51,6 +51,8 @@ enum : OSStatus {
     errSecKeychainIncomplete = -27904,
     errSecKeychainBusy = -27905,
     errSecPreferenceDamaged = -27906,
+    errSecKeychainPathTooLong = -27907,
+    errSecIssuerAndSerialTaken = -27908,
     errSecUnsupportedKeyFormat = -67734,
     errSecUnsupportedKeySize = -67735,
     errSecNoCertificate = -67817,

@@ -133,36 +133,14 @@ Status modifyLabel(const SecKeychainItem& item, const std::string& label)
     });
 }
 
-/// A certificate goes with what is said of its trust in this keychain. The trust goes first: without its certificate
-/// nobody would find it again.
-Status removeCertificateAndTrust(Database& database, const Bytes& der)
-{
-    const auto there = database.containsCertificate(der);
-    if (!there)
-        return there.failure();
-    if (!*there)
-        return Failure{errSecInvalidItemRef};
-    const auto trust = database.trust(der);
-    if (!trust && trust.status() != errSecItemNotFound)
-        return trust.failure();
-    if (trust)
-        if (const auto removed = database.removeTrust(der); !removed)
-            return removed;
-    const auto removed = database.removeCertificate(der);
-    if (!removed && trust)
-        static_cast<void>(database.setTrust(der, *trust));
-    return removed;
-}
-
 Status deleteItem(const SecKeychainItem& item)
 {
     return writeDatabase(item.keychain()->path(), Access::write, [&](Database& database, WriteTurn& turn) -> Status {
-        Status removed = Failure{errSecInvalidItemRef};
         if (const auto* certificate = dynamic_cast<const SecCertificate*>(&item))
-            removed = removeCertificateAndTrust(database, certificate->parsed().der);
-        else if (const auto* key = dynamic_cast<const SecKey*>(&item))
-            removed = database.removePrivateKey(key->identifier());
-        return removed ? turn.finish() : removed;
+            return removeWithTrust(database, turn, certificate->parsed().der);
+        if (const auto* key = dynamic_cast<const SecKey*>(&item))
+            return database.removePrivateKey(key->identifier());
+        return Failure{errSecInvalidItemRef};
     });
 }
 

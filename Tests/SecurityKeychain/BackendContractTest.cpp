@@ -4,7 +4,9 @@
 #include "Security/Keychain/MemoryBackend.h"
 #include "Security/Keychain/NSSBackend.h"
 
+#include <atomic>
 #include <gmock/gmock.h>
+#include <thread>
 
 namespace {
 
@@ -20,23 +22,24 @@ using testing::SizeIs;
 
 enum class Kind { nss, memory, fault };
 
-std::shared_ptr<Backend> makeBackend(Kind kind)
-{
-    switch (kind) {
-    case Kind::nss:
-        return std::make_shared<NSSBackend>();
-    case Kind::memory:
-        return std::make_shared<MemoryBackend>();
-    case Kind::fault:
-        break;
-    }
-    return std::make_shared<FaultBackend>(std::make_shared<MemoryBackend>());
-}
-
 ObjectName nameOf(ObjectClass objectClass, const Bytes& bytes) { return {objectClass, kf::sha256(bytes)}; }
 
 class BackendContract : public testing::TestWithParam<Kind> {
 protected:
+    BackendContract()
+    {
+        switch (GetParam()) {
+        case Kind::nss:
+            backend_ = std::make_shared<NSSBackend>();
+            break;
+        case Kind::memory:
+            backend_ = memory_;
+            break;
+        case Kind::fault:
+            backend_ = std::make_shared<FaultBackend>(memory_);
+            break;
+        }
+    }
     ~BackendContract() override
     {
         database_.reset();
@@ -51,6 +54,67 @@ protected:
         EXPECT_TRUE(opened) << opened.status();
         database_ = std::move(*opened);
         return *database_;
+    }
+
+    /// Closes the database and gives it the pass phrase: what is opened next is locked.
+    void lock()
+    {
+        database_.reset();
+        backend_->closeAll();
+        if (GetParam() != Kind::nss) {
+            memory_->setPassphrase(path(), passphrase);
+            return;
+        }
+        kf::test::writeFile(home_.path() / "empty", "\n");
+        kf::test::writeFile(home_.path() / "password", std::string(passphrase) + "\n");
+        kf::test::mustRun({"timeout", "20", "certutil", "-W", "-f", home_.path() / "empty", "-@",
+            home_.path() / "password", "-d", "sql:" + path()});
+    }
+
+    /// As somebody else would, while this process has it open.
+    void erase()
+    {
+        if (GetParam() == Kind::nss)
+            std::filesystem::remove_all(path());
+        else
+            memory_->erase(path());
+    }
+
+    /// Every writing call, for a database that holds Ada's key and certificate with trust.
+    static std::vector<std::pair<const char*, OSStatus>> writeEverything(Database& database)
+    {
+        const auto adasKey = kf::test::parsed(ada()).key;
+        return {{"addCertificate", database.addCertificate(grace().leaf, "Grace").status()},
+            {"addPrivateKey", database.addPrivateKey(kf::test::parsed(grace()).key).status()},
+            {"setCertificateLabel", database.setCertificateLabel(ada().leaf, "x").status()},
+            {"setPrivateKeyLabel", database.setPrivateKeyLabel(adasKey.id, "x").status()},
+            {"setTrust", database.setTrust(ada().leaf, {}).status()},
+            {"setTrust", database.setTrust(grace().leaf, {}).status()},
+            {"removeTrust", database.removeTrust(ada().leaf).status()},
+            {"removePrivateKey", database.removePrivateKey(adasKey.id).status()},
+            {"removeCertificate", database.removeCertificate(ada().leaf).status()}};
+    }
+    void createWithAda()
+    {
+        Database& database = create();
+        const auto turn = database.beginWriting();
+        add(database, ada().leaf, "Ada");
+        ASSERT_EQ(database.addPrivateKey(kf::test::parsed(ada()).key).status(), errSecSuccess);
+        ASSERT_EQ(database.setTrust(ada().leaf, {.server = TrustLevel::trustedPeer}).status(), errSecSuccess);
+    }
+    /// Ada's key, certificate, label and trust are as createWithAda() left them, and nothing else is there.
+    void expectAda()
+    {
+        const auto database = backend_->open(path(), Access::read);
+        ASSERT_TRUE(database) << database.status();
+        if ((*database)->isLocked()) {
+            ASSERT_EQ((*database)->unlock(kf::test::secret(passphrase)).status(), errSecSuccess);
+        }
+        EXPECT_THAT(labels(**database), ElementsAre("Ada"));
+        EXPECT_THAT(*(*database)->privateKeys(), SizeIs(1));
+        EXPECT_EQ((*database)->privateKeys()->front().label, kf::test::parsed(ada()).key.label);
+        EXPECT_EQ((*database)->trust(ada().leaf)->server, TrustLevel::trustedPeer);
+        EXPECT_EQ((*database)->trust(grace().leaf).status(), errSecItemNotFound);
     }
 
     static void add(Database& database, const Bytes& der, const std::string& label)
@@ -68,8 +132,10 @@ protected:
         return found;
     }
 
+    static constexpr const char* passphrase = "open sesame";
     kf::test::ScratchHome home_;
-    std::shared_ptr<Backend> backend_ = makeBackend(GetParam());
+    std::shared_ptr<MemoryBackend> memory_ = std::make_shared<MemoryBackend>();
+    std::shared_ptr<Backend> backend_;
     std::shared_ptr<Database> database_;
 };
 
@@ -156,7 +222,9 @@ TEST_P(BackendContract, LabelsOfOtherSubjectsAreNumbered)
     add(database, ada().leaf, "Certificate");
     add(database, grace().leaf, "Certificate");
     add(database, authority().root(), "Certificate");
-    EXPECT_THAT(labels(database), testing::UnorderedElementsAre("Certificate", "Certificate #2", "Certificate #3"));
+    add(database, authority().issuer(), "Certificate");
+    EXPECT_THAT(labels(database),
+        testing::UnorderedElementsAre("Certificate", "Certificate #2", "Certificate #3", "Certificate #4"));
 }
 
 TEST_P(BackendContract, CertificatesOfOneSubjectMayShareALabel)
@@ -227,28 +295,177 @@ TEST_P(BackendContract, TheGenerationTellsEveryChange)
     expectChange(database.removePrivateKey(bundle.key.id));
 }
 
-TEST_P(BackendContract, ADatabaseOpenedForReadingIsNotWritten)
-{
-    create();
-    const auto reader = backend_->open(path(), Access::read);
-    ASSERT_TRUE(reader) << reader.status();
-    EXPECT_EQ((*reader)->beginWriting().status(), errSecReadOnly);
-    EXPECT_EQ((*reader)->addCertificate(ada().leaf, "Ada").status(), errSecReadOnly);
-    EXPECT_THAT(*(*reader)->certificates(), IsEmpty());
-}
-
-TEST_P(BackendContract, AFinishedTurnLeavesNothingToUndo)
+TEST_P(BackendContract, TheGenerationTellsChangesOfTrust)
 {
     Database& database = create();
-    const std::vector<ObjectName> objects = {nameOf(ObjectClass::certificate, ada().leaf)};
+    const auto turn = database.beginWriting();
+    add(database, ada().leaf, "Ada");
+    const auto before = *database.generation();
+    ASSERT_EQ(database.setTrust(ada().leaf, {.server = TrustLevel::denied}).status(), errSecSuccess);
+    const auto written = *database.generation();
+    EXPECT_NE(written, before);
+    ASSERT_EQ(database.removeTrust(ada().leaf).status(), errSecSuccess);
+    EXPECT_NE(*database.generation(), written);
+}
+
+TEST_P(BackendContract, TwoCertificatesOfOneIssuerAndSerialNumberCannotBothBeThere)
+{
+    const auto& [first, second] = kf::test::twins();
+    Database& database = create();
+    const auto turn = database.beginWriting();
+    add(database, first, "First");
+    const Trust trust{.server = TrustLevel::denied};
+    ASSERT_EQ(database.setTrust(first, trust).status(), errSecSuccess);
+    EXPECT_EQ(database.addCertificate(second, "Second").status(), errSecIssuerAndSerialTaken);
+    EXPECT_TRUE(SecCopyErrorMessageString(errSecIssuerAndSerialTaken, nullptr));
+    EXPECT_EQ(database.addCertificate(first, "First").status(), errSecDuplicateItem);
+    EXPECT_THAT(labels(database), ElementsAre("First"));
+    EXPECT_TRUE(*database.containsCertificate(first));
+    EXPECT_FALSE(*database.containsCertificate(second));
+    EXPECT_EQ(*database.trust(first), trust);
+    EXPECT_EQ(database.trust(second).status(), errSecItemNotFound);
+    ASSERT_EQ(database.removeTrust(first).status(), errSecSuccess);
+    ASSERT_EQ(database.removeCertificate(first).status(), errSecSuccess);
+    EXPECT_EQ(database.addCertificate(second, "Second").status(), errSecSuccess);
+    EXPECT_THAT(labels(database), ElementsAre("Second"));
+}
+
+TEST_P(BackendContract, BytesThatAreNoCertificateHaveNoTrust)
+{
+    Database& database = create();
+    const auto turn = database.beginWriting();
+    const Bytes none = {1, 2, 3};
+    EXPECT_EQ(database.trust(none).status(), errSecUnknownFormat);
+    EXPECT_EQ(database.setTrust(none, {}).status(), errSecUnknownFormat);
+    EXPECT_EQ(database.removeTrust(none).status(), errSecUnknownFormat);
+    EXPECT_FALSE(*database.containsCertificate(none));
+    EXPECT_EQ(database.removeCertificate(none).status(), errSecInvalidItemRef);
+    EXPECT_EQ(database.setCertificateLabel(none, "x").status(), errSecInvalidItemRef);
+}
+
+TEST_P(BackendContract, ADatabaseOpenedForReadingIsNotWritten)
+{
+    createWithAda();
+    database_.reset();
+    {
+        const auto reader = backend_->open(path(), Access::read);
+        ASSERT_TRUE(reader) << reader.status();
+        EXPECT_EQ((*reader)->beginWriting().status(), errSecReadOnly);
+        for (const auto& [call, status] : writeEverything(**reader))
+            EXPECT_EQ(status, errSecReadOnly) << call;
+    }
+    expectAda();
+}
+
+TEST_P(BackendContract, ALockedDatabaseShowsCertificatesAloneAndIsNotWritten)
+{
+    createWithAda();
+    lock();
+    {
+        auto opened = backend_->open(path(), Access::write);
+        ASSERT_TRUE(opened) << opened.status();
+        Database& database = **opened;
+        ASSERT_TRUE(database.isLocked());
+        EXPECT_TRUE(database.generation());
+        EXPECT_THAT(labels(database), ElementsAre("Ada"));
+        EXPECT_TRUE(*database.containsCertificate(ada().leaf));
+        EXPECT_EQ(database.privateKeys().status(), errSecInteractionNotAllowed);
+        EXPECT_EQ(database.containsPrivateKey(kf::test::parsed(ada()).key.id).status(), errSecInteractionNotAllowed);
+        EXPECT_EQ(database.trust(ada().leaf).status(), errSecInteractionNotAllowed);
+        const auto turn = database.beginWriting();
+        for (const auto& [call, status] : writeEverything(database))
+            EXPECT_EQ(status, errSecInteractionNotAllowed) << call;
+    }
+    expectAda();
+}
+
+TEST_P(BackendContract, OnlyTheRightPassphraseUnlocksAndClosingLocksAgain)
+{
+    createWithAda();
+    lock();
+    {
+        const auto opened = backend_->open(path(), Access::write);
+        EXPECT_EQ((*opened)->unlock(kf::test::secret("wrong")).status(), errSecAuthFailed);
+        EXPECT_EQ((*opened)->unlock({}).status(), errSecAuthFailed);
+        EXPECT_TRUE((*opened)->isLocked());
+        EXPECT_EQ((*opened)->unlock(kf::test::secret(passphrase)).status(), errSecSuccess);
+        EXPECT_FALSE((*opened)->isLocked());
+        const auto turn = (*opened)->beginWriting();
+        add(**opened, grace().leaf, "Grace");
+        EXPECT_EQ((*opened)->removeCertificate(grace().leaf).status(), errSecSuccess);
+    }
+    backend_->closeAll();
+    EXPECT_TRUE((*backend_->open(path(), Access::read))->isLocked());
+    expectAda();
+}
+
+TEST_P(BackendContract, WhatIsGoneIsToldByEveryCall)
+{
+    createWithAda();
+    Database& database = *database_;
+    const auto turn = database.beginWriting();
+    const Bytes key = kf::test::parsed(ada()).key.id;
+    ASSERT_EQ(database.removeTrust(ada().leaf).status(), errSecSuccess);
+    ASSERT_EQ(database.removePrivateKey(key).status(), errSecSuccess);
+    ASSERT_EQ(database.removeCertificate(ada().leaf).status(), errSecSuccess);
+    EXPECT_FALSE(*database.containsCertificate(ada().leaf));
+    EXPECT_FALSE(*database.containsPrivateKey(key));
+    EXPECT_EQ(database.setCertificateLabel(ada().leaf, "x").status(), errSecInvalidItemRef);
+    EXPECT_EQ(database.setPrivateKeyLabel(key, "x").status(), errSecInvalidItemRef);
+    EXPECT_EQ(database.removeCertificate(ada().leaf).status(), errSecInvalidItemRef);
+    EXPECT_EQ(database.removePrivateKey(key).status(), errSecInvalidItemRef);
+    EXPECT_EQ(database.trust(ada().leaf).status(), errSecItemNotFound);
+    EXPECT_EQ(database.removeTrust(ada().leaf).status(), errSecItemNotFound);
+    // And it may come again.
+    add(database, ada().leaf, "Ada again");
+    EXPECT_EQ(database.addPrivateKey(kf::test::parsed(ada()).key).status(), errSecSuccess);
+}
+
+TEST_P(BackendContract, ADatabaseStaysUsableAfterAnotherWasMadeInItsPlace)
+{
+    createWithAda();
+    const auto old = database_;
+    erase();
+    EXPECT_FALSE(backend_->exists(path()));
+    EXPECT_EQ(backend_->open(path(), Access::write).status(), errSecNoSuchKeychain);
+    Database& fresh = create();
+    EXPECT_THAT(labels(fresh), IsEmpty());
+    EXPECT_THAT(labels(*old), ElementsAre("Ada"));
+    EXPECT_EQ(old->trust(ada().leaf)->server, TrustLevel::trustedPeer);
+}
+
+TEST_P(BackendContract, ASecondTurnWaitsForTheFirst)
+{
+    Database& database = create();
+    auto first = database.beginWriting();
+    ASSERT_TRUE(first) << first.status();
+    std::atomic<bool> firstEnded = false;
+    std::thread second([&] {
+        const auto turn = database.beginWriting();
+        EXPECT_TRUE(turn) << turn.status();
+        EXPECT_TRUE(firstEnded);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    firstEnded = true;
+    first->reset();
+    second.join();
+}
+
+TEST_P(BackendContract, AFinishedTurnLeavesNothingToSettle)
+{
+    Database& database = create();
+    const auto object = nameOf(ObjectClass::certificate, ada().leaf);
     {
         const auto turn = database.beginWriting();
         ASSERT_TRUE(turn) << turn.status();
-        EXPECT_THAT((*turn)->abandoned(), IsEmpty());
-        EXPECT_EQ((*turn)->declare(objects).status(), errSecSuccess);
+        EXPECT_TRUE((*turn)->abandoned().empty());
+        EXPECT_EQ((*turn)->declare(Intent::Purpose::make, {object}).status(), errSecSuccess);
+        EXPECT_EQ((*turn)->note(object, Intent::Progress::made).status(), errSecSuccess);
+        EXPECT_EQ((*turn)->withdraw().status(), errSecSuccess);
+        EXPECT_EQ((*turn)->finish().status(), errSecSuccess);
         EXPECT_EQ((*turn)->finish().status(), errSecSuccess);
     }
-    EXPECT_THAT((*database.beginWriting())->abandoned(), IsEmpty());
+    EXPECT_TRUE((*database.beginWriting())->abandoned().empty());
 }
 
 TEST_P(BackendContract, AnAbandonedTurnIsToldToTheNext)
@@ -256,13 +473,40 @@ TEST_P(BackendContract, AnAbandonedTurnIsToldToTheNext)
     Database& database = create();
     const std::vector<ObjectName> objects = {nameOf(ObjectClass::certificate, ada().leaf),
         nameOf(ObjectClass::privateKey, {1, 2}), nameOf(ObjectClass::trust, ada().leaf)};
-    EXPECT_EQ((*database.beginWriting())->declare(objects).status(), errSecSuccess);
     {
         const auto turn = database.beginWriting();
-        EXPECT_EQ((*turn)->abandoned(), objects);
-        EXPECT_EQ((*turn)->finish().status(), errSecSuccess);
+        EXPECT_EQ((*turn)->declare(Intent::Purpose::make, objects).status(), errSecSuccess);
+        EXPECT_EQ((*turn)->note(objects[0], Intent::Progress::found).status(), errSecSuccess);
+        EXPECT_EQ((*turn)->note(objects[1], Intent::Progress::made).status(), errSecSuccess);
     }
-    EXPECT_THAT((*database.beginWriting())->abandoned(), IsEmpty());
+    Intent expected{Intent::Purpose::make,
+        {{objects[0], Intent::Progress::found}, {objects[1], Intent::Progress::made}, {objects[2]}}, false};
+    // Looking at it changes nothing.
+    for (int look = 0; look < 2; ++look)
+        EXPECT_EQ((*database.beginWriting())->abandoned(), expected);
+    {
+        const auto turn = database.beginWriting();
+        EXPECT_EQ((*turn)->finish().status(), errSecSuccess);
+        EXPECT_EQ((*turn)->declare(Intent::Purpose::make, {objects[0]}).status(), errSecSuccess);
+        EXPECT_EQ((*turn)->withdraw().status(), errSecSuccess);
+    }
+    expected = {Intent::Purpose::make, {{objects[0]}}, true};
+    EXPECT_EQ((*database.beginWriting())->abandoned(), expected);
+    {
+        const auto turn = database.beginWriting();
+        EXPECT_EQ((*turn)->finish().status(), errSecSuccess);
+        EXPECT_EQ((*turn)->declare(Intent::Purpose::remove, {objects[0]}).status(), errSecSuccess);
+    }
+    expected = {Intent::Purpose::remove, {{objects[0]}}, false};
+    EXPECT_EQ((*database.beginWriting())->abandoned(), expected);
+}
+
+TEST_P(BackendContract, MoreObjectsThanARecordHoldsAreRefused)
+{
+    Database& database = create();
+    const auto turn = database.beginWriting();
+    const std::vector<ObjectName> objects(mostIntendedObjects + 1, nameOf(ObjectClass::trust, {1}));
+    EXPECT_EQ((*turn)->declare(Intent::Purpose::make, objects).status(), errSecDataTooLarge);
 }
 
 TEST_P(BackendContract, WhatWasStoredIsThereAfterClosing)

@@ -247,46 +247,27 @@ INSTANTIATE_TEST_SUITE_P(AtEveryStep, FailingImport,
         Fault{"Lookup", Operation::containsPrivateKey, 1}, Fault{"Lookup2", Operation::containsCertificate, 2},
         Fault{"Declaration", Operation::declare, 1}, Fault{"Key", Operation::addPrivateKey, 1},
         Fault{"Leaf", Operation::addCertificate, 1}, Fault{"Chain", Operation::addCertificate, 2},
+        Fault{"NoteOfLeaf", Operation::note, 1}, Fault{"NoteOfKey", Operation::note, 3},
         Fault{"Finish", Operation::finish, 1}),
     [](const testing::TestParamInfo<Fault>& parameter) { return std::string(parameter.param.name); });
 
-TEST_F(Items, WhatCouldNotBeUndoneIsUndoneByTheNextWriter)
+TEST_F(Items, AnImportThatFindsAllThereNeedsNoPermissionToWrite)
 {
-    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
-    {
-        const std::lock_guard lock(writerLock());
-        const auto database = memory_->open(defaultKeychain()->path(), Access::write);
-        const auto bundle = kf::test::parsed(ada());
-        const auto turn = (*database)->beginWriting();
-        ASSERT_EQ((*turn)
-                      ->declare({{ObjectClass::privateKey, kf::sha256(bundle.key.id)},
-                          {ObjectClass::certificate, kf::sha256(bundle.leaf.der)}})
-                      .status(),
-            errSecSuccess);
-        ASSERT_EQ((*database)->addPrivateKey(bundle.key).status(), errSecSuccess);
-    }
-    EXPECT_EQ(count(kSecPrivateKeyItemClass), 2U) << "reading must not act on the declaration";
-    const auto cleanUp = find(defaultKeychain(), kSecCertificateItemClass).items.front();
-    ASSERT_EQ(writeAttribute(cleanUp, kSecLabelItemAttr, "Admiral"), errSecSuccess);
-    EXPECT_EQ(count(kSecPrivateKeyItemClass), 1U);
-    EXPECT_THAT(identities(), SizeIs(1));
-}
-
-TEST_F(Items, WhatWasCompleteIsLeftByTheNextWriter)
-{
-    importAda();
-    {
-        const std::lock_guard lock(writerLock());
-        const auto database = memory_->open(defaultKeychain()->path(), Access::write);
-        const auto bundle = kf::test::parsed(ada());
-        ASSERT_EQ((*(*database)->beginWriting())
-                      ->declare({{ObjectClass::privateKey, kf::sha256(bundle.key.id)},
-                          {ObjectClass::certificate, kf::sha256(bundle.leaf.der)}})
-                      .status(),
-            errSecSuccess);
-    }
-    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
-    EXPECT_THAT(identities(), SizeIs(2));
+    Ref<NSArray> first;
+    Ref<NSArray> second;
+    importAda(&first);
+    memory_->setReadOnly(defaultKeychain()->path(), true);
+    importAda(&second);
+    EXPECT_TRUE(CFEqual(first, second));
+    EXPECT_EQ(import(defaultKeychain(), grace()), errSecReadOnly);
+    EXPECT_EQ(SecCertificateAddToKeychain(looseCertificate(grace().leaf), nullptr), errSecReadOnly);
+    EXPECT_EQ(count(kSecCertificateItemClass), 3U);
+    const Trust trust{.server = TrustLevel::trusted};
+    EXPECT_EQ(writeTrust(defaultKeychain(), authority().root(), trust).status(), errSecReadOnly);
+    memory_->setReadOnly(defaultKeychain()->path(), false);
+    ASSERT_EQ(writeTrust(defaultKeychain(), authority().root(), trust).status(), errSecSuccess);
+    memory_->setReadOnly(defaultKeychain()->path(), true);
+    EXPECT_EQ(writeTrust(defaultKeychain(), authority().root(), trust).status(), errSecSuccess);
 }
 
 // --- Searching ---
@@ -587,8 +568,8 @@ TEST_F(Items, ADeletionThatFailsChangesNothing)
     const Trust trust{.server = TrustLevel::denied};
     ASSERT_EQ(writeTrust(defaultKeychain(), authority().root(), trust).status(), errSecSuccess);
     const auto root = find(nullptr, kSecCertificateItemClass).items.at(0);
-    for (const auto operation :
-        {Operation::beginWriting, Operation::readTrust, Operation::removeTrust, Operation::removeCertificate}) {
+    for (const auto operation : {Operation::beginWriting, Operation::containsCertificate, Operation::readTrust,
+             Operation::declare, Operation::removeTrust, Operation::removeCertificate}) {
         faults_->arm(operation, 1, errSecIO);
         EXPECT_EQ(SecKeychainItemDelete(root), errSecIO);
         EXPECT_TRUE(faults_->fired());
@@ -693,6 +674,67 @@ TEST_F(Items, AfterThreeWrongAnswersNobodyIsAskedAgain)
     EXPECT_EQ(import(defaultKeychain(), ada()), errSecAuthFailed);
     EXPECT_EQ(asker.asked, 3);
     EXPECT_EQ(faults_->calls(Operation::beginWriting), 0);
+}
+
+/// A person who takes so long that another keychain stands there when the answer comes.
+class SlowAsker final : public kf::Presenter {
+public:
+    explicit SlowAsker(std::function<void()> meanwhile)
+        : meanwhile_(std::move(meanwhile)), before_(setCurrent(this)) { }
+    ~SlowAsker() override { setCurrent(before_); }
+
+    NSInteger runAlert(const kf::AlertQuestion&) override { return kf::alertDefaultReturn; }
+    std::optional<SecretBytes> keychainPassphrase(const kf::PassphraseQuestion&) override
+    {
+        ++asked;
+        meanwhile_();
+        const std::string answer = "open sesame";
+        return SecretBytes(answer.begin(), answer.end());
+    }
+
+    int asked = 0;
+
+private:
+    std::function<void()> meanwhile_;
+    kf::Presenter* before_;
+};
+
+TEST_F(Items, WhatWasPutInPlaceWhileThePersonTypedIsWhatIsWritten)
+{
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    SlowAsker asker([this] { memory_->create(defaultKeychain()->path()); });
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    EXPECT_EQ(asker.asked, 1);
+    EXPECT_THAT(identities(), SizeIs(1));
+}
+
+TEST_F(Items, WhatWasPutInPlaceWhileThePersonTypedIsWhatIsRead)
+{
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    {
+        SlowAsker asker([] {});
+        ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    }
+    memory_->closeAll();
+    SlowAsker asker([this] { memory_->create(defaultKeychain()->path()); });
+    EXPECT_THAT(identities(), IsEmpty());
+    EXPECT_EQ(asker.asked, 1);
+    EXPECT_EQ(count(kSecPrivateKeyItemClass), 0U);
+    EXPECT_EQ(readTrust(defaultKeychain(), authority().root()).status(), errSecItemNotFound);
+}
+
+TEST_F(Items, AnotherLockedKeychainPutInPlaceIsAskedForAnew)
+{
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    SlowAsker* asking = nullptr;
+    SlowAsker asker([&] {
+        if (asking->asked == 1)
+            memory_->create(defaultKeychain()->path(), "open sesame");
+    });
+    asking = &asker;
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    EXPECT_EQ(asker.asked, 2);
+    EXPECT_THAT(identities(), SizeIs(1));
 }
 
 TEST_F(Items, ACanceledQuestionEndsTheCall)

@@ -42,6 +42,24 @@ inline const Bundle& grace()
     return instance;
 }
 
+/// Two authorities' certificates of the same issuer and serial number, as one that was reissued carelessly.
+inline const std::pair<Bytes, Bytes>& twins()
+{
+    static const std::pair<Bytes, Bytes> instance = [] {
+        const auto issue = [](const std::string& name) {
+            const auto pem = authority().directory() / (name + ".pem");
+            const auto der = authority().directory() / (name + ".der");
+            mustRun({"openssl", "req", "-x509", "-new", "-config", authority().directory() / "openssl.cnf", "-key",
+                ada().keyFile, "-CA", authority().issuerFile(), "-CAkey", authority().issuerKeyFile(), "-set_serial",
+                "4711", "-subj", "/CN=Reissued Authority", "-addext", "nsComment=" + name, "-out", pem});
+            mustRun({"openssl", "x509", "-in", pem, "-outform", "DER", "-out", der});
+            return readFile(der);
+        };
+        return std::pair(issue("first"), issue("second"));
+    }();
+    return instance;
+}
+
 inline std::span<const std::uint8_t> secret(const std::string& text) { return keychain::asBytes(text); }
 
 inline keychain::Bundle parsed(const Bundle& bundle)

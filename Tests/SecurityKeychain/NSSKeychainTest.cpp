@@ -395,6 +395,10 @@ TEST_F(OtherUser, AnotherOwnersKeychainIsReadAndNeverWritten)
     for (const auto& path : {database(), database() / "cert9.db", database() / "key4.db"}) {
         ASSERT_EQ(::chown(path.c_str(), 1234, 1234), 0);
         expectRefused(errSecItemNotFound, errSecWrPerm);
+        const auto before = snapshot();
+        EXPECT_EQ(import(defaultKeychain(), grace()), errSecSuccess) << "all of it is there";
+        closeAll();
+        EXPECT_EQ(snapshot(), before);
         const auto item = find(defaultKeychain(), kSecCertificateItemClass).items.at(0);
         EXPECT_EQ(SecKeychainItemDelete(item), errSecWrPerm);
         ASSERT_EQ(::chown(path.c_str(), 0, 0), 0);

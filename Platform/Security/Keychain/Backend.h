@@ -50,20 +50,50 @@ struct PrivateKey {
 /// Tells two states of a database apart; nothing else can be read from it.
 using Generation = std::array<std::uint64_t, 8>;
 
+/// What a writer of several objects sets down, before and while it writes: enough for the next writer to settle what
+/// one that died left behind, and no secrets.
+struct Intent {
+    enum class Purpose : std::uint8_t { make, remove };
+    enum class Progress : std::uint8_t {
+        intended,
+        made,
+        found, ///< another program made it first: it is not ours to undo
+    };
+    struct Object {
+        ObjectName name;
+        Progress progress = Progress::intended;
+        friend bool operator==(const Object&, const Object&) = default;
+    };
+
+    Purpose purpose = Purpose::make;
+    std::vector<Object> objects;
+    bool isWithdrawn = false; ///< what was made is to go again
+
+    bool empty() const noexcept { return objects.empty(); }
+    friend bool operator==(const Intent&, const Intent&) = default;
+};
+
 /// The turn of one writer, among all threads and processes. It ends with the
-/// object or, at the latest, with the process.
+/// object or, at the latest, with the process. What it sets down is safe from a
+/// crash when the call returns. A turn that ends without finish() leaves its
+/// record behind, for the next turn to find it as abandoned().
 class WriteTurn {
 public:
     virtual ~WriteTurn() = default;
-    /// What a writer that never finished had declared; empty for none.
-    virtual const std::vector<ObjectName>& abandoned() const noexcept = 0;
-    /// Records, safe from a crash, the objects about to be made, none of which
-    /// exists now. A turn that ends without finish() leaves the record behind,
-    /// for the next turn to find it as abandoned().
-    virtual Status declare(const std::vector<ObjectName>& objects) = 0;
-    /// Takes the record away: there is nothing to undo any more.
+    /// The record of a writer that never finished; empty for none.
+    virtual const Intent& abandoned() const noexcept = 0;
+    /// The objects about to be made, none of which exists now, in the order in which they will be, or about to be
+    /// removed. Once in a turn until finish(). errSecDataTooLarge above mostIntendedObjects.
+    virtual Status declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects) = 0;
+    /// What became of an object that was declared: made or found.
+    virtual Status note(const ObjectName& object, Intent::Progress progress) = 0;
+    /// That all that was made is about to go again.
+    virtual Status withdraw() = 0;
+    /// Takes the record away: there is nothing to settle any more.
     virtual Status finish() = 0;
 };
+
+inline constexpr std::size_t mostIntendedObjects = 4096;
 
 /// One open database. Any thread may read; writers hold the process's writer
 /// lock (Store.h) and a turn of the database. Listing gives each object once,
@@ -91,9 +121,11 @@ public:
     /// turn does not end.
     virtual Result<std::unique_ptr<WriteTurn>> beginWriting() = 0;
 
-    // All that follows needs a turn and gives errSecInteractionNotAllowed while locked; a failure changes nothing.
+    // All that follows needs a turn and gives beginWriting()'s reason where this database cannot be written, else
+    // errSecInteractionNotAllowed while locked; a failure changes nothing.
 
-    /// errSecDuplicateItem where it is there, errSecUnknownFormat where it is no certificate. Where another subject's
+    /// errSecDuplicateItem where it is there, errSecIssuerAndSerialTaken where another certificate of its issuer and
+    /// serial number is (a database holds one), errSecUnknownFormat where it is no certificate. Where another subject's
     /// certificate bears the label already, " #2" and so on is added; certificates of one subject may share a label.
     virtual Status addCertificate(std::span<const std::uint8_t> der, const std::string& label) = 0;
     /// errSecDuplicateItem where a key of that identifier is there.
@@ -106,7 +138,10 @@ public:
     virtual Status setCertificateLabel(std::span<const std::uint8_t> der, const std::string& label) = 0;
     virtual Status setPrivateKeyLabel(std::span<const std::uint8_t> id, const std::string& label) = 0;
 
-    /// errSecItemNotFound where nothing is said of the certificate. Needs no turn.
+    // Of trust, each gives errSecUnknownFormat where the bytes are no certificate.
+
+    /// errSecItemNotFound where nothing is said of the certificate, errSecInteractionNotAllowed while locked. Needs no
+    /// turn.
     virtual Result<Trust> trust(std::span<const std::uint8_t> certificate) = 0;
     /// Writes or replaces.
     virtual Status setTrust(std::span<const std::uint8_t> certificate, const Trust& trust) = 0;

@@ -1,12 +1,18 @@
 #include "Security/Keychain/DatabaseFiles.h"
 
+#include "Foundation/NSLog.h"
+#include "Security/ScopedDescriptor.h"
+
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -18,22 +24,8 @@ constexpr auto makersPatience = std::chrono::seconds(5);
 
 constexpr std::array<const char*, 2> fileNames = {"cert9.db", "key4.db"};
 constexpr const char* newDirectoryMark = ".keyfold-new-";
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int descriptor) noexcept : descriptor_(descriptor) { }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor()
-    {
-        if (descriptor_ >= 0)
-            ::close(descriptor_);
-    }
-    int get() const noexcept { return descriptor_; }
-
-private:
-    int descriptor_;
-};
+/// SQLite takes file names of up to 512 bytes, the longest being a database's journal.
+constexpr std::size_t longestDirectory = 512 - std::string_view("/cert9.db-journal").size();
 
 std::string fileIn(const std::string& directory, const char* name) { return directory + "/" + name; }
 
@@ -46,6 +38,8 @@ OSStatus statusOf(int error)
     case EACCES:
     case EPERM:
         return errSecKeychainUnreadable;
+    case ENAMETOOLONG:
+        return errSecKeychainPathTooLong;
     default:
         return errSecIO;
     }
@@ -54,6 +48,39 @@ OSStatus statusOf(int error)
 Failure writingFailure(int error)
 {
     return Failure{error == EACCES || error == EPERM || error == EROFS ? errSecReadOnly : errSecIO};
+}
+
+/// A failure whose cause the status alone does not tell.
+Failure logged(OSStatus status, const std::filesystem::path& path, const std::string& cause)
+{
+    NSLog("%@: %@", NSString::stringWithUTF8String(path.string()), NSString::stringWithUTF8String(cause));
+    return Failure{status};
+}
+
+Failure makingFailure(int error, const std::filesystem::path& path)
+{
+    return logged(writingFailure(error).status, path, std::generic_category().message(error));
+}
+
+bool hasPartOfOthers(const std::filesystem::path& path)
+{
+    std::filesystem::path prefix = path.root_path();
+    for (const auto& part : path.relative_path()) {
+        prefix /= part;
+        struct stat status { };
+        if (::lstat(prefix.c_str(), &status) == 0 && status.st_uid != 0)
+            return true;
+    }
+    return false;
+}
+
+/// Root acts for itself alone: behind a folder or a link of somebody else's, who could lead it anywhere at any moment,
+/// it writes nothing.
+bool isReachedThroughOthers(const std::filesystem::path& path)
+{
+    std::error_code ignored;
+    return ::geteuid() == 0
+        && (hasPartOfOthers(path) || hasPartOfOthers(std::filesystem::weakly_canonical(path, ignored)));
 }
 
 /// Whether this user may write, and should: files of another one are left alone also by those who could.
@@ -68,7 +95,7 @@ OSStatus writingStatus(const std::string& path, const struct stat& status)
 
 Status checkHeader(const std::string& file)
 {
-    const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const ScopedDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     if (descriptor.get() < 0)
         return Failure{statusOf(errno)};
     constexpr char magic[] = "SQLite format 3"; // with its terminator: 16 bytes
@@ -81,7 +108,7 @@ Status checkHeader(const std::string& file)
 
 std::uint64_t changeCounter(const std::string& file)
 {
-    const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const ScopedDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     std::uint8_t bytes[4] = {};
     if (descriptor.get() < 0 || ::pread(descriptor.get(), bytes, sizeof bytes, 24) != sizeof bytes)
         return 0;
@@ -95,17 +122,19 @@ Status checkAncestor(const std::filesystem::path& directory)
     std::filesystem::path ancestor = directory;
     struct stat status { };
     while (::stat(ancestor.c_str(), &status) != 0) {
-        if (errno != ENOENT)
-            return writingFailure(errno);
+        if (errno != ENOENT && errno != ENOTDIR)
+            return makingFailure(errno, ancestor);
+        if (::lstat(ancestor.c_str(), &status) == 0)
+            return logged(errSecKeychainWrongType, ancestor, "a link to something that is not there");
         if (ancestor == ancestor.parent_path())
             return Failure{errSecIO};
         ancestor = ancestor.parent_path();
     }
     if (!S_ISDIR(status.st_mode))
-        return Failure{errSecKeychainWrongType};
+        return logged(errSecKeychainWrongType, ancestor, "no folder");
     // Below a directory of the system's, ordinary permission decides.
-    if (status.st_uid != ::geteuid() && status.st_uid != 0)
-        return Failure{errSecWrPerm};
+    if ((status.st_uid != ::geteuid() && status.st_uid != 0) || isReachedThroughOthers(directory))
+        return logged(errSecWrPerm, ancestor, "belongs to somebody else, or stands in somebody else's folder");
     return {};
 }
 
@@ -120,12 +149,27 @@ Status makeDirectories(const std::filesystem::path& directory, mode_t mode)
     if (directory == directory.root_path() || makeDirectory(directory, mode) || errno == EEXIST)
         return {};
     if (errno != ENOENT)
-        return writingFailure(errno);
+        return makingFailure(errno, directory);
     if (const auto made = makeDirectories(directory.parent_path(), mode); !made)
         return made;
     if (!makeDirectory(directory, mode) && errno != EEXIST)
-        return writingFailure(errno);
+        return makingFailure(errno, directory);
     return {};
+}
+
+/// False, with EEXIST, where something stands there. File systems that cannot promise it are looked at first.
+bool renameWithoutReplacing(const std::string& from, const std::string& to)
+{
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    struct stat status { };
+    if (::lstat(to.c_str(), &status) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
 void removeLeftovers(const std::filesystem::path& parent, const std::string& prefix)
@@ -145,8 +189,10 @@ Result<DatabaseFiles> inspectDatabase(const std::string& path)
         return Failure{statusOf(errno)};
     if (!S_ISDIR(directory.st_mode))
         return Failure{errSecKeychainWrongType};
+    if (path.size() > longestDirectory)
+        return Failure{errSecKeychainPathTooLong};
     DatabaseFiles files;
-    files.writing = writingStatus(path, directory);
+    files.writing = isReachedThroughOthers(path) ? errSecWrPerm : writingStatus(path, directory);
     files.identity.numbers[0] = directory.st_dev;
     files.identity.numbers[1] = directory.st_ino;
 
@@ -208,38 +254,44 @@ Result<Generation> databaseGeneration(const std::string& path)
     return generation;
 }
 
-NewDatabase::NewDatabase(std::string path, bool readableByAll, int parentLock) noexcept
-    : path_(std::move(path)), readableByAll_(readableByAll), parentLock_(parentLock)
+NewDatabase::NewDatabase(std::string path, bool readableByAll, ScopedDescriptor parentLock) noexcept
+    : path_(std::move(path)), readableByAll_(readableByAll), parentLock_(std::move(parentLock))
 {
 }
 
 Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path, bool readableByAll)
 {
-    const std::filesystem::path target(path);
-    const std::filesystem::path parent = target.parent_path();
-    if (const auto allowed = checkAncestor(target); !allowed)
+    if (const auto allowed = checkAncestor(path); !allowed)
         return allowed.failure();
+    // A link to a folder keeps being one: the database is made, and moved, where the link leads.
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
+    if (error)
+        return makingFailure(error.value(), path);
+    const std::filesystem::path parent = target.parent_path();
+    const std::string prefix = "." + target.filename().string() + newDirectoryMark;
+    std::string pattern = (parent / (prefix + "XXXXXX")).string();
+    if (pattern.size() > longestDirectory)
+        return logged(errSecKeychainPathTooLong, path, "too long for a database");
     if (const auto made = makeDirectories(parent, readableByAll ? 0755 : 0700); !made)
         return made.failure();
-    const int lock = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (lock < 0)
-        return writingFailure(errno);
-    std::unique_ptr<NewDatabase> fresh(new NewDatabase(path, readableByAll, lock));
+    ScopedDescriptor lock(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (lock.get() < 0)
+        return makingFailure(errno, parent);
     // One maker at a time; what an earlier one that died left behind goes. Whoever may read the folder can hold its
     // lock, so nobody waits for ever.
     const auto deadline = std::chrono::steady_clock::now() + makersPatience;
-    while (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+    while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR)
-            return Failure{errSecIO};
+            return makingFailure(errno, parent);
         if (std::chrono::steady_clock::now() >= deadline)
-            return Failure{errSecKeychainBusy};
+            return logged(errSecKeychainBusy, parent, "kept locked by another program");
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    const std::string prefix = "." + target.filename().string() + newDirectoryMark;
     removeLeftovers(parent, prefix);
-    std::string pattern = (parent / (prefix + "XXXXXX")).string();
     if (!::mkdtemp(pattern.data()))
-        return writingFailure(errno);
+        return makingFailure(errno, parent);
+    std::unique_ptr<NewDatabase> fresh(new NewDatabase(target, readableByAll, std::move(lock)));
     fresh->directory_ = pattern;
     return fresh;
 }
@@ -247,9 +299,7 @@ Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path,
 NewDatabase::~NewDatabase()
 {
     std::error_code ignored;
-    if (!directory_.empty())
-        std::filesystem::remove_all(directory_, ignored);
-    ::close(parentLock_);
+    std::filesystem::remove_all(directory_, ignored);
 }
 
 Status NewDatabase::moveIntoPlace()
@@ -258,15 +308,17 @@ Status NewDatabase::moveIntoPlace()
         return {};
     if (readableByAll_
         && (::chmod(directory_.c_str(), 0755) != 0 || ::chmod(fileIn(directory_, "cert9.db").c_str(), 0644) != 0))
-        return writingFailure(errno);
+        return makingFailure(errno, directory_);
+    // Takes the place of nothing, or of an empty directory.
     if (::rename(directory_.c_str(), path_.c_str()) == 0)
         return {};
     if (errno != ENOTEMPTY && errno != EEXIST)
-        return writingFailure(errno);
-    // A directory with other things in it: the files move one by one.
+        return makingFailure(errno, path_);
+    // A directory with other things in it: the files move one by one. Where one has appeared since, NSS made it in
+    // another program, which then takes the other one as it finds it.
     for (const char* name : {"key4.db", "cert9.db"})
-        if (::rename(fileIn(directory_, name).c_str(), fileIn(path_, name).c_str()) != 0)
-            return writingFailure(errno);
+        if (!renameWithoutReplacing(fileIn(directory_, name), fileIn(path_, name)) && errno != EEXIST)
+            return makingFailure(errno, path_);
     return {};
 }
 

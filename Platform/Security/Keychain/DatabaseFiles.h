@@ -5,6 +5,7 @@
 #pragma once
 
 #include "Security/Keychain/Backend.h"
+#include "Security/ScopedDescriptor.h"
 
 #include <string>
 
@@ -18,15 +19,15 @@ struct FileIdentity {
 
 struct DatabaseFiles {
     FileIdentity identity;
-    /// errSecSuccess, or why these files are not to be written: errSecWrPerm
-    /// where they are not this user's, errSecReadOnly where they may not be.
+    /// errSecSuccess, or why these files are not to be written: errSecWrPerm where they are not this user's or, for
+    /// root, stand below somebody else's folder, errSecReadOnly where they may not be.
     OSStatus writing = errSecSuccess;
     bool keysReadable = true;
 };
 
 /// Checks directory and files. Errors: errSecNoSuchKeychain,
 /// errSecKeychainWrongType, errSecKeychainUnreadable, errSecKeychainIncomplete,
-/// errSecKeychainEmpty, errSecInvalidKeychain.
+/// errSecKeychainEmpty, errSecInvalidKeychain, errSecKeychainPathTooLong.
 Result<DatabaseFiles> inspectDatabase(const std::string& path);
 
 /// True where the directory holds one of the database's files, whatever its state.
@@ -39,26 +40,27 @@ Result<Generation> databaseGeneration(const std::string& path);
 /// half-made database. Removed, with what is in it, unless it was moved.
 class NewDatabase {
 public:
-    /// Makes the parents too (0700, or 0755 where everybody is to read
-    /// certificates). errSecWrPerm where they belong to somebody
-    /// else, errSecReadOnly where this user may not write there.
+    /// Makes the parents too (0700, or 0755 where everybody is to read certificates). A link to a folder is followed.
+    /// errSecWrPerm where they belong to somebody else, errSecReadOnly where this user may not write there,
+    /// errSecKeychainWrongType where something else or a link to nothing stands in the way, errSecKeychainPathTooLong.
+    /// The log tells which path is meant.
     static Result<std::unique_ptr<NewDatabase>> begin(const std::string& path, bool readableByAll);
     NewDatabase(const NewDatabase&) = delete;
     NewDatabase& operator=(const NewDatabase&) = delete;
     ~NewDatabase();
 
     const std::string& directory() const noexcept { return directory_; }
-    /// Moves the files to their place. Success also where somebody else has
-    /// made a database there meanwhile: theirs stays.
+    /// Moves the files to their place, over nothing. Success also where somebody else has made a database there
+    /// meanwhile: theirs stays.
     Status moveIntoPlace();
 
 private:
-    NewDatabase(std::string path, bool readableByAll, int parentLock) noexcept;
+    NewDatabase(std::string path, bool readableByAll, ScopedDescriptor parentLock) noexcept;
 
     std::string path_;
     std::string directory_;
     bool readableByAll_;
-    int parentLock_;
+    ScopedDescriptor parentLock_;
 };
 
 } // namespace kf::keychain

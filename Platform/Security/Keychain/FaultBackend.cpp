@@ -30,6 +30,23 @@ public:
         return calls_[static_cast<std::size_t>(operation)];
     }
 
+    void watch(FaultBackend::Watcher watcher)
+    {
+        const std::lock_guard lock(mutex_);
+        watcher_ = watcher ? std::make_shared<FaultBackend::Watcher>(std::move(watcher)) : nullptr;
+    }
+    void tell(Operation operation, bool done) const
+    {
+        std::shared_ptr<FaultBackend::Watcher> watcher;
+        {
+            const std::lock_guard lock(mutex_);
+            watcher = watcher_;
+        }
+        // Without the lock: it may arm the next fault.
+        if (watcher)
+            (*watcher)(operation, done);
+    }
+
     /// The failure of this very call, if it is to fail.
     std::optional<Failure> failureOf(Operation operation)
     {
@@ -51,6 +68,7 @@ private:
     mutable std::mutex mutex_;
     std::optional<Armed> armed_;
     bool fired_ = false;
+    std::shared_ptr<FaultBackend::Watcher> watcher_;
     std::array<int, static_cast<std::size_t>(Operation::removeTrust) + 1> calls_{};
 };
 
@@ -58,22 +76,37 @@ namespace {
 
 using Plan = std::shared_ptr<FaultPlan>;
 
+template <class Call>
+auto guarded(FaultPlan& plan, Operation operation, Call call) -> decltype(call())
+{
+    if (const auto failure = plan.failureOf(operation))
+        return *failure;
+    plan.tell(operation, false);
+    auto result = call();
+    plan.tell(operation, true);
+    return result;
+}
+
 class FaultTurn final : public WriteTurn {
 public:
     FaultTurn(std::unique_ptr<WriteTurn> inner, Plan plan) : inner_(std::move(inner)), plan_(std::move(plan)) { }
 
-    const std::vector<ObjectName>& abandoned() const noexcept override { return inner_->abandoned(); }
-    Status declare(const std::vector<ObjectName>& objects) override
+    const Intent& abandoned() const noexcept override { return inner_->abandoned(); }
+    Status declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects) override
     {
-        if (const auto failure = plan_->failureOf(Operation::declare))
-            return *failure;
-        return inner_->declare(objects);
+        return guarded(*plan_, Operation::declare, [&] { return inner_->declare(purpose, objects); });
+    }
+    Status note(const ObjectName& object, Intent::Progress progress) override
+    {
+        return guarded(*plan_, Operation::note, [&] { return inner_->note(object, progress); });
+    }
+    Status withdraw() override
+    {
+        return guarded(*plan_, Operation::withdraw, [&] { return inner_->withdraw(); });
     }
     Status finish() override
     {
-        if (const auto failure = plan_->failureOf(Operation::finish))
-            return *failure;
-        return inner_->finish();
+        return guarded(*plan_, Operation::finish, [&] { return inner_->finish(); });
     }
 
 private:
@@ -88,31 +121,31 @@ public:
     bool isLocked() override { return inner_->isLocked(); }
     Result<Generation> generation() override
     {
-        return guarded(Operation::generation, [&] { return inner_->generation(); });
+        return guarded(*plan_, Operation::generation, [&] { return inner_->generation(); });
     }
     Status unlock(std::span<const std::uint8_t> passphrase) override
     {
-        return guarded(Operation::unlock, [&] { return inner_->unlock(passphrase); });
+        return guarded(*plan_, Operation::unlock, [&] { return inner_->unlock(passphrase); });
     }
     Result<std::vector<CertificateRecord>> certificates() override
     {
-        return guarded(Operation::certificates, [&] { return inner_->certificates(); });
+        return guarded(*plan_, Operation::certificates, [&] { return inner_->certificates(); });
     }
     Result<std::vector<KeyRecord>> privateKeys() override
     {
-        return guarded(Operation::privateKeys, [&] { return inner_->privateKeys(); });
+        return guarded(*plan_, Operation::privateKeys, [&] { return inner_->privateKeys(); });
     }
     Result<bool> containsCertificate(std::span<const std::uint8_t> der) override
     {
-        return guarded(Operation::containsCertificate, [&] { return inner_->containsCertificate(der); });
+        return guarded(*plan_, Operation::containsCertificate, [&] { return inner_->containsCertificate(der); });
     }
     Result<bool> containsPrivateKey(std::span<const std::uint8_t> id) override
     {
-        return guarded(Operation::containsPrivateKey, [&] { return inner_->containsPrivateKey(id); });
+        return guarded(*plan_, Operation::containsPrivateKey, [&] { return inner_->containsPrivateKey(id); });
     }
     Result<std::unique_ptr<WriteTurn>> beginWriting() override
     {
-        return guarded(Operation::beginWriting, [&]() -> Result<std::unique_ptr<WriteTurn>> {
+        return guarded(*plan_, Operation::beginWriting, [&]() -> Result<std::unique_ptr<WriteTurn>> {
             auto turn = inner_->beginWriting();
             if (!turn)
                 return turn.failure();
@@ -121,50 +154,42 @@ public:
     }
     Status addCertificate(std::span<const std::uint8_t> der, const std::string& label) override
     {
-        return guarded(Operation::addCertificate, [&] { return inner_->addCertificate(der, label); });
+        return guarded(*plan_, Operation::addCertificate, [&] { return inner_->addCertificate(der, label); });
     }
     Status addPrivateKey(const PrivateKey& key) override
     {
-        return guarded(Operation::addPrivateKey, [&] { return inner_->addPrivateKey(key); });
+        return guarded(*plan_, Operation::addPrivateKey, [&] { return inner_->addPrivateKey(key); });
     }
     Status removeCertificate(std::span<const std::uint8_t> der) override
     {
-        return guarded(Operation::removeCertificate, [&] { return inner_->removeCertificate(der); });
+        return guarded(*plan_, Operation::removeCertificate, [&] { return inner_->removeCertificate(der); });
     }
     Status removePrivateKey(std::span<const std::uint8_t> id) override
     {
-        return guarded(Operation::removePrivateKey, [&] { return inner_->removePrivateKey(id); });
+        return guarded(*plan_, Operation::removePrivateKey, [&] { return inner_->removePrivateKey(id); });
     }
     Status setCertificateLabel(std::span<const std::uint8_t> der, const std::string& label) override
     {
-        return guarded(Operation::setLabel, [&] { return inner_->setCertificateLabel(der, label); });
+        return guarded(*plan_, Operation::setLabel, [&] { return inner_->setCertificateLabel(der, label); });
     }
     Status setPrivateKeyLabel(std::span<const std::uint8_t> id, const std::string& label) override
     {
-        return guarded(Operation::setLabel, [&] { return inner_->setPrivateKeyLabel(id, label); });
+        return guarded(*plan_, Operation::setLabel, [&] { return inner_->setPrivateKeyLabel(id, label); });
     }
     Result<Trust> trust(std::span<const std::uint8_t> certificate) override
     {
-        return guarded(Operation::readTrust, [&] { return inner_->trust(certificate); });
+        return guarded(*plan_, Operation::readTrust, [&] { return inner_->trust(certificate); });
     }
     Status setTrust(std::span<const std::uint8_t> certificate, const Trust& trust) override
     {
-        return guarded(Operation::setTrust, [&] { return inner_->setTrust(certificate, trust); });
+        return guarded(*plan_, Operation::setTrust, [&] { return inner_->setTrust(certificate, trust); });
     }
     Status removeTrust(std::span<const std::uint8_t> certificate) override
     {
-        return guarded(Operation::removeTrust, [&] { return inner_->removeTrust(certificate); });
+        return guarded(*plan_, Operation::removeTrust, [&] { return inner_->removeTrust(certificate); });
     }
 
 private:
-    template <class Call>
-    auto guarded(Operation operation, Call call) -> decltype(call())
-    {
-        if (const auto failure = plan_->failureOf(operation))
-            return *failure;
-        return call();
-    }
-
     std::shared_ptr<Database> inner_;
     Plan plan_;
 };
@@ -189,13 +214,13 @@ void FaultBackend::disarm() { plan_->disarm(); }
 
 int FaultBackend::calls(Operation operation) const { return plan_->calls(operation); }
 
+void FaultBackend::watch(Watcher watcher) { plan_->watch(std::move(watcher)); }
+
 bool FaultBackend::exists(const std::string& path) { return inner_->exists(path); }
 
 Result<std::shared_ptr<Database>> FaultBackend::open(const std::string& path, Access access)
 {
-    if (const auto failure = plan_->failureOf(Operation::open))
-        return *failure;
-    auto database = inner_->open(path, access);
+    auto database = guarded(*plan_, Operation::open, [&] { return inner_->open(path, access); });
     if (!database)
         return database.failure();
     return std::shared_ptr<Database>(std::make_shared<FaultDatabase>(std::move(*database), plan_));

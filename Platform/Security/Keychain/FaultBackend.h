@@ -13,6 +13,8 @@
 
 #include "Security/Keychain/Backend.h"
 
+#include <functional>
+
 namespace kf::keychain {
 
 enum class Operation : std::uint8_t {
@@ -25,6 +27,8 @@ enum class Operation : std::uint8_t {
     containsPrivateKey,
     beginWriting,
     declare,
+    note,
+    withdraw,
     finish,
     addCertificate,
     addPrivateKey,
@@ -51,6 +55,11 @@ public:
     void disarm();
     /// How often `operation` was called since arm() or disarm().
     int calls(Operation operation) const;
+
+    /// Called with every operation that does not fail here, just before it (`done` false) and just after it.
+    using Watcher = std::function<void(Operation operation, bool done)>;
+    /// Lets a test act, or end the process, at one very moment. Replaces the one before; empty takes it away.
+    void watch(Watcher watcher);
 
     bool exists(const std::string& path) override;
     Result<std::shared_ptr<Database>> open(const std::string& path, Access access) override;

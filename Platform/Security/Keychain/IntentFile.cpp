@@ -1,5 +1,7 @@
 #include "Security/Keychain/IntentFile.h"
 
+#include "Foundation/NSLog.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -13,42 +15,66 @@ namespace kf::keychain {
 
 namespace {
 
-constexpr std::string_view head = "keyfold-intent 1\n";
-/// A record without it was not yet on the disk when its writer died: nothing had been written then.
-constexpr std::string_view tail = "end\n";
+constexpr std::string_view head = "keyfold-intent 2";
+constexpr std::string_view endOfList = "end";
+constexpr std::string_view withdrawn = "withdrawn";
+constexpr std::array<std::string_view, 2> purposeNames = {"make", "remove"};
 constexpr std::array<std::string_view, 3> classNames = {"certificate", "privateKey", "trust"};
+constexpr std::array<std::string_view, 3> progressNames = {"", "made", "found"};
 constexpr std::string_view digits = "0123456789abcdef";
+/// Several times what the largest record takes.
+constexpr std::size_t mostBytes = 1U << 20U;
 
-std::string recordOf(const std::vector<ObjectName>& objects)
+template <class Enumeration, std::size_t count>
+std::string_view nameOf(const std::array<std::string_view, count>& names, Enumeration value)
 {
-    std::string text(head);
-    for (const auto& object : objects) {
-        text += classNames[static_cast<std::size_t>(object.objectClass)];
-        text += ' ';
-        for (const auto byte : object.digest) {
-            text += digits[byte >> 4U];
-            text += digits[byte & 15U];
-        }
-        text += '\n';
-    }
-    text += tail;
-    return text;
+    return names[static_cast<std::size_t>(value)];
 }
 
-std::optional<ObjectName> parseLine(std::string_view line)
+template <class Enumeration, std::size_t count>
+std::optional<Enumeration> valueOf(const std::array<std::string_view, count>& names, std::string_view name)
 {
-    const auto space = line.find(' ');
-    if (space == std::string_view::npos)
+    const auto found = std::ranges::find(names, name);
+    if (name.empty() || found == names.end())
         return std::nullopt;
-    const auto name = std::ranges::find(classNames, line.substr(0, space));
-    const std::string_view hexadecimal = line.substr(space + 1);
+    return static_cast<Enumeration>(found - names.begin());
+}
+
+std::string line(std::string_view text) { return std::string(text) + '\n'; }
+
+std::string lineOf(const ObjectName& object)
+{
+    std::string text(nameOf(classNames, object.objectClass));
+    text += ' ';
+    for (const auto byte : object.digest) {
+        text += digits[byte >> 4U];
+        text += digits[byte & 15U];
+    }
+    return line(text);
+}
+
+/// What stands before the first `separator`, which is taken off `text` with it; nothing without one.
+std::optional<std::string_view> takeUntil(char separator, std::string_view& text)
+{
+    const auto end = text.find(separator);
+    if (end == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(end + 1);
+    return taken;
+}
+
+std::optional<ObjectName> parseObject(std::string_view text)
+{
+    const auto className = takeUntil(' ', text);
+    const auto objectClass = valueOf<ObjectClass>(classNames, className.value_or(""));
     ObjectName object{};
-    if (name == classNames.end() || hexadecimal.size() != 2 * object.digest.size())
+    if (!objectClass || text.size() != 2 * object.digest.size())
         return std::nullopt;
-    object.objectClass = static_cast<ObjectClass>(name - classNames.begin());
+    object.objectClass = *objectClass;
     for (std::size_t index = 0; index < object.digest.size(); ++index) {
-        const auto high = digits.find(hexadecimal[2 * index]);
-        const auto low = digits.find(hexadecimal[2 * index + 1]);
+        const auto high = digits.find(text[2 * index]);
+        const auto low = digits.find(text[2 * index + 1]);
         if (high == std::string_view::npos || low == std::string_view::npos)
             return std::nullopt;
         object.digest[index] = static_cast<std::uint8_t>(high << 4U | low);
@@ -56,30 +82,57 @@ std::optional<ObjectName> parseLine(std::string_view line)
     return object;
 }
 
-/// What a whole, well-formed record lists; nothing for any other text.
-std::vector<ObjectName> parseRecord(std::string_view text)
+/// Takes in a line that stands after the list; false where it makes no sense.
+bool applyProgress(std::string_view text, Intent& intent)
 {
-    if (!text.starts_with(head) || !text.ends_with(tail))
-        return {};
-    text = text.substr(head.size(), text.size() - head.size() - tail.size());
-    std::vector<ObjectName> objects;
-    while (!text.empty()) {
-        const auto end = text.find('\n');
-        const auto object = parseLine(text.substr(0, end));
-        if (end == std::string_view::npos || !object)
-            return {};
-        objects.push_back(*object);
-        text.remove_prefix(end + 1);
+    if (text == withdrawn) {
+        intent.isWithdrawn = true;
+        return true;
     }
-    return objects;
+    const auto progressName = takeUntil(' ', text);
+    const auto progress = valueOf<Intent::Progress>(progressNames, progressName.value_or(""));
+    const auto object = parseObject(text);
+    if (!progress || !object)
+        return false;
+    const auto listed = std::ranges::find(intent.objects, *object, &Intent::Object::name);
+    if (listed == intent.objects.end())
+        return false;
+    listed->progress = *progress;
+    return true;
+}
+
+/// What a record says; empty for one whose list is cut. Nothing where the text is no record.
+std::optional<Intent> parseRecord(std::string_view text)
+{
+    if (line(head).starts_with(text))
+        return Intent();
+    if (text.size() > mostBytes || takeUntil('\n', text) != head)
+        return std::nullopt;
+    const auto purposeName = takeUntil('\n', text);
+    if (!purposeName)
+        return Intent();
+    const auto purpose = valueOf<Intent::Purpose>(purposeNames, *purposeName);
+    if (!purpose)
+        return std::nullopt;
+    Intent intent{*purpose, {}, false};
+    bool inList = true;
+    while (const auto next = takeUntil('\n', text)) {
+        const auto object = inList ? parseObject(*next) : std::nullopt;
+        if (object)
+            intent.objects.push_back({*object});
+        else if (inList && *next == endOfList)
+            inList = false;
+        else if (inList || !applyProgress(*next, intent))
+            return std::nullopt;
+    }
+    return inList ? Intent() : intent;
 }
 
 std::string contentOf(int descriptor)
 {
-    constexpr std::size_t limit = 1U << 20U;
     std::string text;
     char buffer[4096];
-    for (ssize_t count = 0; text.size() < limit
+    for (ssize_t count = 0; text.size() <= mostBytes
          && (count = ::pread(descriptor, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
         text.append(buffer, static_cast<std::size_t>(count));
     return text;
@@ -101,10 +154,16 @@ bool isInPlace(int descriptor, const std::string& file)
 
 } // namespace
 
-IntentFile::IntentFile(std::string directory, int descriptor)
-    : directory_(std::move(directory)), descriptor_(descriptor), abandoned_(parseRecord(contentOf(descriptor))),
-      isEmpty_(abandoned_.empty())
+IntentFile::IntentFile(std::string directory, ScopedDescriptor descriptor, const std::string& content)
+    : directory_(std::move(directory)), descriptor_(std::move(descriptor))
 {
+    if (auto record = parseRecord(content))
+        abandoned_ = std::move(*record);
+    else
+        NSLog("%@/%@ is no record of an interrupted change. Nothing was removed for it.",
+            NSString::stringWithUTF8String(directory_), NSString::stringWithUTF8String(fileName));
+    if (!abandoned_.empty())
+        size_ = content.size();
 }
 
 Result<std::unique_ptr<WriteTurn>> IntentFile::acquire(const std::string& directory, std::chrono::milliseconds patience)
@@ -112,12 +171,13 @@ Result<std::unique_ptr<WriteTurn>> IntentFile::acquire(const std::string& direct
     const std::string file = directory + "/" + fileName;
     const auto deadline = std::chrono::steady_clock::now() + patience;
     for (;;) {
-        const int descriptor = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (descriptor < 0)
+        ScopedDescriptor descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (descriptor.get() < 0)
             return failureOf(errno);
-        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0 && isInPlace(descriptor, file))
-            return std::unique_ptr<WriteTurn>(new IntentFile(directory, descriptor));
-        ::close(descriptor);
+        if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) == 0 && isInPlace(descriptor.get(), file)) {
+            const std::string content = contentOf(descriptor.get());
+            return std::unique_ptr<WriteTurn>(new IntentFile(directory, std::move(descriptor), content));
+        }
         if (std::chrono::steady_clock::now() >= deadline)
             return Failure{errSecKeychainBusy};
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -127,47 +187,63 @@ Result<std::unique_ptr<WriteTurn>> IntentFile::acquire(const std::string& direct
 IntentFile::~IntentFile()
 {
     // A record that was never taken back stays for the next turn.
-    if (isEmpty_)
+    if (size_ == 0)
         ::unlink((directory_ + "/" + fileName).c_str());
-    ::close(descriptor_);
 }
 
-Status IntentFile::writeText(const std::string& text)
+Status IntentFile::append(const std::string& text)
 {
-    if (::ftruncate(descriptor_, 0) != 0)
-        return failureOf(errno);
-    if (::pwrite(descriptor_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
-        return Failure{errSecIO};
-    if (::fdatasync(descriptor_) != 0)
+    const auto written = ::pwrite(descriptor_.get(), text.data(), text.size(), static_cast<off_t>(size_));
+    if (written != static_cast<ssize_t>(text.size()))
+        return written < 0 ? failureOf(errno) : Failure{errSecIO};
+    size_ += text.size();
+    if (::fdatasync(descriptor_.get()) != 0)
         return Failure{errSecIO};
     return {};
 }
 
-Status IntentFile::declare(const std::vector<ObjectName>& objects)
+Status IntentFile::declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects)
 {
-    isEmpty_ = false;
-    if (const auto written = writeText(recordOf(objects)); !written)
-        return written;
+    if (objects.size() > mostIntendedObjects)
+        return Failure{errSecDataTooLarge};
+    std::string text = line(head) + line(nameOf(purposeNames, purpose));
+    for (const auto& object : objects)
+        text += lineOf(object);
+    text += line(endOfList);
+    // What may stand there is no record.
+    if (::ftruncate(descriptor_.get(), 0) != 0)
+        return failureOf(errno);
+    if (const auto appended = append(text); !appended)
+        return appended;
     if (isDurable_)
         return {};
-    const int directory = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0)
+    const ScopedDescriptor directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0)
         return failureOf(errno);
-    isDurable_ = ::fsync(directory) == 0;
-    ::close(directory);
+    isDurable_ = ::fsync(directory.get()) == 0;
     if (!isDurable_)
         return Failure{errSecIO};
     return {};
 }
 
+Status IntentFile::note(const ObjectName& object, Intent::Progress progress)
+{
+    return append(std::string(nameOf(progressNames, progress)) + ' ' + lineOf(object));
+}
+
+Status IntentFile::withdraw() { return append(line(withdrawn)); }
+
 Status IntentFile::finish()
 {
-    if (isEmpty_)
+    if (size_ == 0)
         return {};
-    // Emptied before it is removed: whatever the removal does, nothing is left to undo.
-    if (::ftruncate(descriptor_, 0) != 0)
+    // Emptied, to the disk, before it is removed: a record that came back after a power cut would speak of objects that
+    // somebody may have made since.
+    if (::ftruncate(descriptor_.get(), 0) != 0)
         return failureOf(errno);
-    isEmpty_ = true;
+    size_ = 0;
+    if (::fdatasync(descriptor_.get()) != 0)
+        return Failure{errSecIO};
     return {};
 }
 

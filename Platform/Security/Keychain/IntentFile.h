@@ -3,10 +3,23 @@
 // The file is the writers' lock too: it is held under a lock that the system
 // takes away with its process, and removed when the turn ends. A file that
 // nobody holds and that lists objects is the trace of a writer that died. It
-// names classes and digests only, no secrets.
+// names classes and digests only, no secrets:
+//
+//     keyfold-intent 2
+//     make                          or "remove"
+//     certificate DIGEST            and "privateKey", "trust": SHA-256, hexadecimal
+//     end                           until here it is written at once, before anything else is
+//     made certificate DIGEST       one line after each object, or "found"
+//     withdrawn                     what was made is about to go again
+//
+// The list is cut where its writer died writing it: nothing had been made then.
+// A cut last line after the list is as if it had not been begun. Any other
+// text, and more than a megabyte, is no record: it is logged and dropped, and
+// nothing is touched for it.
 #pragma once
 
 #include "Security/Keychain/Backend.h"
+#include "Security/ScopedDescriptor.h"
 
 #include <chrono>
 #include <string>
@@ -22,19 +35,21 @@ public:
         const std::string& directory, std::chrono::milliseconds patience = std::chrono::seconds(30));
     ~IntentFile() override;
 
-    const std::vector<ObjectName>& abandoned() const noexcept override { return abandoned_; }
-    Status declare(const std::vector<ObjectName>& objects) override;
+    const Intent& abandoned() const noexcept override { return abandoned_; }
+    Status declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects) override;
+    Status note(const ObjectName& object, Intent::Progress progress) override;
+    Status withdraw() override;
     Status finish() override;
 
 private:
-    IntentFile(std::string directory, int descriptor);
-    Status writeText(const std::string& text);
+    IntentFile(std::string directory, ScopedDescriptor descriptor, const std::string& content);
+    Status append(const std::string& text);
 
     std::string directory_;
-    int descriptor_;
-    std::vector<ObjectName> abandoned_;
+    ScopedDescriptor descriptor_;
+    Intent abandoned_;
+    std::size_t size_ = 0;   ///< of the record; 0: there is none
     bool isDurable_ = false; ///< the directory's entry has reached the disk
-    bool isEmpty_ = true;
 };
 
 } // namespace kf::keychain

@@ -1,5 +1,7 @@
 #include "Security/Keychain/MemoryBackend.h"
 
+#include "Security/Keychain/Labels.h"
+
 #include <algorithm>
 #include <condition_variable>
 
@@ -10,6 +12,7 @@ namespace {
 struct StoredCertificate {
     Bytes der;
     Bytes subject;
+    Bytes issuerAndSerial;
     std::string label;
 };
 
@@ -32,7 +35,7 @@ struct MemoryObjects {
     bool locked = false;
     bool readOnly = false;
     bool turnTaken = false;
-    std::vector<ObjectName> declared;
+    Intent intent;
     std::vector<StoredCertificate> certificates;
     std::vector<KeyRecord> keys;
     std::vector<StoredTrust> trusts;
@@ -44,7 +47,7 @@ using Objects = std::shared_ptr<MemoryObjects>;
 
 class MemoryTurn final : public WriteTurn {
 public:
-    explicit MemoryTurn(Objects objects) : objects_(std::move(objects)), abandoned_(objects_->declared) { }
+    explicit MemoryTurn(Objects objects) : objects_(std::move(objects)), abandoned_(objects_->intent) { }
     ~MemoryTurn() override
     {
         const std::lock_guard lock(objects_->mutex);
@@ -52,18 +55,42 @@ public:
         objects_->turnEnded.notify_one();
     }
 
-    const std::vector<ObjectName>& abandoned() const noexcept override { return abandoned_; }
-    Status declare(const std::vector<ObjectName>& objects) override
+    const Intent& abandoned() const noexcept override { return abandoned_; }
+    Status declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects) override
+    {
+        if (objects.size() > mostIntendedObjects)
+            return Failure{errSecDataTooLarge};
+        Intent intent{purpose, {}, false};
+        for (const auto& object : objects)
+            intent.objects.push_back({object});
+        return set(std::move(intent));
+    }
+    Status note(const ObjectName& object, Intent::Progress progress) override
     {
         const std::lock_guard lock(objects_->mutex);
-        objects_->declared = objects;
+        for (auto& declared : objects_->intent.objects)
+            if (declared.name == object)
+                declared.progress = progress;
         return {};
     }
-    Status finish() override { return declare({}); }
+    Status withdraw() override
+    {
+        const std::lock_guard lock(objects_->mutex);
+        objects_->intent.isWithdrawn = true;
+        return {};
+    }
+    Status finish() override { return set({}); }
 
 private:
+    Status set(Intent intent)
+    {
+        const std::lock_guard lock(objects_->mutex);
+        objects_->intent = std::move(intent);
+        return {};
+    }
+
     Objects objects_;
-    std::vector<ObjectName> abandoned_;
+    Intent abandoned_;
 };
 
 class MemoryDatabase final : public Database {
@@ -143,9 +170,15 @@ public:
         const auto fields = readCertificateFields(der);
         if (!fields)
             return fields.failure();
+        Bytes issuerAndSerial(fields->issuer.begin(), fields->issuer.end());
+        issuerAndSerial.insert(issuerAndSerial.end(), fields->serial.begin(), fields->serial.end());
+        if (std::ranges::find(objects_->certificates, issuerAndSerial, &StoredCertificate::issuerAndSerial)
+            != objects_->certificates.end())
+            return Failure{errSecIssuerAndSerialTaken};
         Bytes subject(fields->subject.begin(), fields->subject.end());
-        std::string chosen = labelFor(subject, label);
-        objects_->certificates.push_back({Bytes(der.begin(), der.end()), std::move(subject), std::move(chosen)});
+        std::string chosen = freeLabel(label, [&](const std::string& text) { return isTaken(text, subject); });
+        objects_->certificates.push_back(
+            {Bytes(der.begin(), der.end()), std::move(subject), std::move(issuerAndSerial), std::move(chosen)});
         return changed();
     }
 
@@ -203,6 +236,8 @@ public:
         const std::lock_guard lock(objects_->mutex);
         if (objects_->locked)
             return Failure{errSecInteractionNotAllowed};
+        if (const auto fields = readCertificateFields(certificate); !fields)
+            return fields.failure();
         const auto found = findTrust(certificate);
         if (found == objects_->trusts.end())
             return Failure{errSecItemNotFound};
@@ -214,6 +249,8 @@ public:
         const std::lock_guard lock(objects_->mutex);
         if (const auto writable = checkWritable(); !writable)
             return writable;
+        if (const auto fields = readCertificateFields(certificate); !fields)
+            return fields.failure();
         const auto found = findTrust(certificate);
         if (found != objects_->trusts.end())
             found->trust = trust;
@@ -225,6 +262,8 @@ public:
     Status removeTrust(std::span<const std::uint8_t> certificate) override
     {
         const std::lock_guard lock(objects_->mutex);
+        if (const auto fields = readCertificateFields(certificate); !fields)
+            return fields.failure();
         return removeFrom(objects_->trusts, findTrust(certificate), errSecItemNotFound);
     }
 
@@ -249,14 +288,6 @@ private:
         return !label.empty() && std::ranges::any_of(objects_->certificates, [&](const auto& stored) {
             return stored.label == label && stored.subject != subject;
         });
-    }
-
-    std::string labelFor(const Bytes& subject, const std::string& wanted) const
-    {
-        std::string label = wanted;
-        for (int number = 2; isTaken(label, subject); ++number)
-            label = wanted + " #" + std::to_string(number);
-        return label;
     }
 
     Status checkWritable() const
@@ -332,6 +363,15 @@ void MemoryBackend::create(const std::string& path, const std::string& passphras
     const std::lock_guard lock(mutex_);
     objects->identity = ++made_;
     databases_[path] = std::move(objects);
+}
+
+void MemoryBackend::setPassphrase(const std::string& path, const std::string& passphrase)
+{
+    if (const auto objects = find(path)) {
+        const std::lock_guard lock(objects->mutex);
+        objects->passphrase = passphrase;
+        objects->locked = !passphrase.empty();
+    }
 }
 
 void MemoryBackend::erase(const std::string& path)

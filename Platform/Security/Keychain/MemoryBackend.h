@@ -28,6 +28,8 @@ public:
 
     /// Makes an empty keychain; a pass phrase other than "" leaves it locked.
     void create(const std::string& path, const std::string& passphrase = {});
+    /// Gives a keychain another pass phrase; one other than "" locks it.
+    void setPassphrase(const std::string& path, const std::string& passphrase);
     /// Takes a keychain away, as if its directory had been deleted.
     void erase(const std::string& path);
     /// Writing gives errSecReadOnly from now on, or no longer.

@@ -1,6 +1,6 @@
 #include "Security/Keychain/NSSBackend.h"
 
-#include "Security/Keychain/IntentFile.h"
+#include "Foundation/NSLog.h"
 #include "Security/Keychain/Locations.h"
 #include "Security/Keychain/NSSDatabase.h"
 
@@ -62,11 +62,12 @@ Status makeDatabase(const std::string& path)
         return fresh.failure();
     {
         const auto slot = openSlot((*fresh)->directory(), "");
-        if (!slot)
-            return Failure{errSecIO};
         // Without a pass phrase, as the browsers make theirs.
-        if (PK11_NeedUserInit(slot.get()) && PK11_InitPin(slot.get(), nullptr, "") != SECSuccess)
+        if (!slot || (PK11_NeedUserInit(slot.get()) && PK11_InitPin(slot.get(), nullptr, "") != SECSuccess)) {
+            NSLog("%@: NSS cannot make a database there (%d)", NSString::stringWithUTF8String(path),
+                static_cast<int>(PORT_GetError()));
             return Failure{errSecIO};
+        }
     }
     return (*fresh)->moveIntoPlace();
 }

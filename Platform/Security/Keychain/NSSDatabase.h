@@ -39,8 +39,9 @@ public:
     Status removeTrust(std::span<const std::uint8_t> certificate) override;
 
 private:
-    Result<ScopedSession> session(bool writing = false);
-    Result<ScopedSession> writingSession();
+    enum class Need : std::uint8_t { reading, unlocked, writing };
+    template <class Use>
+    auto withSession(Need need, Use use) -> decltype(use(std::declval<const ScopedSession&>()));
 
     std::shared_ptr<NSSSlot> slot_;
     Access access_;

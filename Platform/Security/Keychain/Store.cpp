@@ -2,6 +2,7 @@
 
 #include "Security/Keychain/Locations.h"
 #include "Security/Keychain/NSSBackend.h"
+#include "Security/Keychain/Recovery.h"
 #include "Security/Presenter.h"
 
 #include <algorithm>
@@ -75,7 +76,10 @@ Result<std::shared_ptr<const T>> freshIndex(
         previous = cached.index;
     }
     Result<std::shared_ptr<const T>> built = build(previous.get());
-    if (built) {
+    // After a writer's death the listing itself rolls back what was half written: the database is then at an earlier
+    // generation than the one read, which the next writer will reach with other content.
+    const auto afterwards = database.generation();
+    if (built && afterwards && *afterwards == *generation) {
         const std::lock_guard lock(caches().mutex);
         (caches().*cache)[path] = {*generation, *built};
     }
@@ -87,68 +91,85 @@ bool isMissing(OSStatus status, const std::string& path)
     return status == errSecNoSuchKeychain && mayBeMissing(path);
 }
 
-/// Removes the objects that are there. Trust goes before the certificate that tells what it is about.
-Status removeObjects(Database& database, const std::vector<ObjectName>& objects)
+bool isUnwritable(OSStatus status) { return status == errSecReadOnly || status == errSecWrPerm; }
+
+/// The turn of a writer in a keychain that cannot be written.
+class RefusedTurn final : public WriteTurn {
+public:
+    explicit RefusedTurn(Failure reason) : reason_(reason) { }
+    const Intent& abandoned() const noexcept override { return none_; }
+    Status declare(Intent::Purpose, const std::vector<ObjectName>&) override { return reason_; }
+    Status note(const ObjectName&, Intent::Progress) override { return reason_; }
+    Status withdraw() override { return reason_; }
+    Status finish() override { return {}; }
+
+private:
+    Failure reason_;
+    Intent none_;
+};
+
+/// Opened for reading where it is there and cannot be written.
+Result<std::shared_ptr<Database>> openForWriting(const std::string& path, Access access)
 {
-    const auto certificates = database.certificates();
-    if (!certificates)
-        return certificates.failure();
-    const auto keys = database.privateKeys();
-    if (!keys)
-        return keys.failure();
-    const auto isListed = [&](ObjectClass objectClass, const Digest& digest) {
-        return std::ranges::find(objects, ObjectName{objectClass, digest}) != objects.end();
-    };
-    for (const auto& record : *certificates) {
-        const Digest digest = sha256(record.der);
-        if (isListed(ObjectClass::trust, digest))
-            if (const auto removed = database.removeTrust(record.der);
-                !removed && removed.status() != errSecItemNotFound)
-                return removed;
-        if (isListed(ObjectClass::certificate, digest))
-            if (const auto removed = database.removeCertificate(record.der); !removed)
-                return removed;
+    auto database = backend()->open(path, access);
+    if (isUnwritable(database.status()))
+        if (auto readable = backend()->open(path, Access::read))
+            return readable;
+    return database;
+}
+
+/// The database at a path for reading, unlocked. Whoever is asked for the pass phrase may take long: what stands there
+/// afterwards is opened anew.
+Result<std::shared_ptr<Database>> openUnlocked(const std::string& path)
+{
+    for (;;) {
+        auto database = backend()->open(path, Access::read);
+        if (!database || !(*database)->isLocked())
+            return database;
+        if (const auto unlocked = unlock(**database, path); !unlocked)
+            return unlocked.failure();
     }
-    for (const auto& record : *keys)
-        if (isListed(ObjectClass::privateKey, sha256(record.id)))
-            if (const auto removed = database.removePrivateKey(record.id); !removed)
-                return removed;
+}
+
+/// What createAll() has to make, private keys last.
+Result<std::vector<const Creation*>> missingOf(const std::vector<Creation>& creations)
+{
+    std::vector<const Creation*> missing;
+    for (const auto& creation : creations) {
+        const auto there = creation.isThere();
+        if (!there)
+            return there.failure();
+        const auto isSame = [&](const Creation* other) { return other->name == creation.name; };
+        if (!*there && std::ranges::none_of(missing, isSame))
+            missing.push_back(&creation);
+    }
+    std::ranges::stable_partition(
+        missing, [](const Creation* creation) { return creation->name.objectClass != ObjectClass::privateKey; });
+    return missing;
+}
+
+/// As the turn's, leaving no record where it fails.
+Status declare(WriteTurn& turn, Intent::Purpose purpose, const std::vector<ObjectName>& objects)
+{
+    const auto declared = turn.declare(purpose, objects);
+    if (!declared)
+        static_cast<void>(turn.finish());
+    return declared;
+}
+
+/// Makes the objects of `intent` and keeps it and the turn's record true.
+Status makeAll(WriteTurn& turn, const std::vector<const Creation*>& missing, Intent& intent)
+{
+    for (std::size_t position = 0; position < missing.size(); ++position) {
+        const auto made = missing[position]->make();
+        if (!made && made.status() != errSecDuplicateItem)
+            return made;
+        auto& object = intent.objects[position];
+        object.progress = made ? Intent::Progress::made : Intent::Progress::found;
+        if (const auto noted = turn.note(object.name, object.progress); !noted)
+            return noted;
+    }
     return {};
-}
-
-Result<bool> allThere(Database& database, const std::vector<ObjectName>& objects)
-{
-    const auto certificates = database.certificates();
-    if (!certificates)
-        return certificates.failure();
-    const auto keys = database.privateKeys();
-    if (!keys)
-        return keys.failure();
-    std::vector<ObjectName> present;
-    for (const auto& record : *certificates) {
-        const Digest digest = sha256(record.der);
-        present.push_back({ObjectClass::certificate, digest});
-        if (database.trust(record.der))
-            present.push_back({ObjectClass::trust, digest});
-    }
-    for (const auto& record : *keys)
-        present.push_back({ObjectClass::privateKey, sha256(record.id)});
-    return std::ranges::all_of(
-        objects, [&](const auto& object) { return std::ranges::find(present, object) != present.end(); });
-}
-
-/// A writer that made all its objects only failed to say so; of any other, those made go.
-Status settleAbandoned(Database& database, WriteTurn& turn)
-{
-    if (turn.abandoned().empty())
-        return {};
-    const auto complete = allThere(database, turn.abandoned());
-    if (!complete)
-        return complete.failure();
-    if (!*complete)
-        if (const auto removed = removeObjects(database, turn.abandoned()); !removed)
-            return removed;
-    return turn.finish();
 }
 
 } // namespace
@@ -208,15 +229,13 @@ Result<std::shared_ptr<const CertificateIndex>> certificateIndex(const std::stri
 Result<std::shared_ptr<const KeyIndex>> keyIndex(const std::string& path)
 {
     using Index = std::shared_ptr<const KeyIndex>;
-    const auto database = backend()->open(path, Access::read);
+    const auto database = openUnlocked(path);
     if (!database) {
         if (isMissing(database.status(), path))
             return Index(std::make_shared<const KeyIndex>(std::vector<KeyRecord>()));
         return database.failure();
     }
     Database& open = **database;
-    if (const auto unlocked = unlock(open, path); !unlocked)
-        return unlocked.failure();
     return freshIndex(&Caches::keys, path, open, [&](const KeyIndex*) -> Result<Index> {
         auto records = open.privateKeys();
         if (!records)
@@ -227,70 +246,92 @@ Result<std::shared_ptr<const KeyIndex>> keyIndex(const std::string& path)
 
 Status withDatabase(const std::string& path, bool unlocked, const std::function<Status(Database&)>& reader)
 {
-    const auto database = backend()->open(path, Access::read);
+    const auto database = unlocked ? openUnlocked(path) : backend()->open(path, Access::read);
     if (!database)
         return database.failure();
-    if (unlocked)
-        if (const auto opened = unlock(**database, path); !opened)
-            return opened;
     return reader(**database);
 }
 
 Status writeDatabase(const std::string& path, Access access, const std::function<Status(Database&, WriteTurn&)>& writer)
 {
-    // Opened and unlocked in two steps: whoever is asked for the pass phrase
-    // must not be waited for with the writer lock held.
-    std::shared_ptr<Database> database;
-    {
-        const std::lock_guard lock(writerLock());
-        auto opened = backend()->open(path, access);
-        if (!opened)
-            return opened.failure();
-        database = std::move(*opened);
+    for (;;) {
+        std::unique_lock lock(writerLock());
+        auto database = openForWriting(path, access);
+        if (!database)
+            return database.failure();
+        if ((*database)->isLocked()) {
+            // Whoever is asked must not be waited for with the writer lock held, and may take long: what stands there
+            // afterwards is opened anew.
+            lock.unlock();
+            if (const auto unlocked = unlock(**database, path); !unlocked)
+                return unlocked;
+            continue;
+        }
+        const auto turn = (*database)->beginWriting();
+        if (turn) {
+            const auto settled = settleAbandoned(**database, **turn);
+            return settled ? writer(**database, **turn) : settled;
+        }
+        if (!isUnwritable(turn.status()))
+            return turn.failure();
+        RefusedTurn refused(turn.failure());
+        database = backend()->open(path, Access::read);
+        return database ? writer(**database, refused) : database.failure();
     }
-    if (const auto unlocked = unlock(*database, path); !unlocked)
-        return unlocked;
-    const std::lock_guard lock(writerLock());
-    const auto turn = database->beginWriting();
-    if (!turn)
-        return turn.failure();
-    if (const auto settled = settleAbandoned(*database, **turn); !settled)
-        return settled;
-    return writer(*database, **turn);
 }
 
 Status createAll(Database& database, WriteTurn& turn, const std::vector<Creation>& creations)
 {
-    std::vector<ObjectName> missing;
-    std::vector<const Creation*> toMake;
-    for (const auto& creation : creations) {
-        const auto there = creation.isThere();
-        if (!there)
-            return there.failure();
-        if (*there || std::ranges::find(missing, creation.name) != missing.end())
-            continue;
-        missing.push_back(creation.name);
-        toMake.push_back(&creation);
+    const auto missing = missingOf(creations);
+    if (!missing || missing->empty())
+        return missing ? Status() : missing.failure();
+    Intent intent;
+    std::vector<ObjectName> names;
+    for (const auto* creation : *missing) {
+        intent.objects.push_back({creation->name});
+        names.push_back(creation->name);
     }
-    if (missing.empty())
-        return {};
-    Status status = turn.declare(missing);
-    for (auto creation = toMake.begin(); status && creation != toMake.end(); ++creation) {
-        status = (*creation)->make();
-        if (status.status() == errSecDuplicateItem) {
-            // Another program was faster: it is not ours to undo.
-            std::erase(missing, (*creation)->name);
-            status = turn.declare(missing);
-        }
-    }
+    Status status = declare(turn, Intent::Purpose::make, names);
+    if (!status)
+        return status;
+    status = makeAll(turn, *missing, intent);
     if (status)
         status = turn.finish();
     if (status)
         return status;
-    // Where undoing fails too, the declaration stays and the next writer undoes it.
-    if (const auto removed = removeObjects(database, missing); removed)
+    // Where undoing fails too, the record stays and the next writer undoes it.
+    static_cast<void>(turn.withdraw());
+    if (undoMaking(database, intent))
         static_cast<void>(turn.finish());
     return status;
+}
+
+Status removeWithTrust(Database& database, WriteTurn& turn, std::span<const std::uint8_t> certificate)
+{
+    const auto there = database.containsCertificate(certificate);
+    if (!there)
+        return there.failure();
+    if (!*there)
+        return Failure{errSecInvalidItemRef};
+    const auto trust = database.trust(certificate);
+    if (!trust && trust.status() != errSecItemNotFound)
+        return trust.failure();
+    if (!trust)
+        return database.removeCertificate(certificate);
+    // The trust goes first: without its certificate nobody would find it again.
+    Status removed = declare(turn, Intent::Purpose::remove, {{ObjectClass::certificate, sha256(certificate)}});
+    if (!removed)
+        return removed;
+    removed = database.removeTrust(certificate);
+    bool isSettled = true;
+    if (removed) {
+        removed = database.removeCertificate(certificate);
+        isSettled = removed || database.setTrust(certificate, *trust);
+    }
+    // Where neither could be had, the record stays and the next writer finishes the deletion.
+    if (isSettled)
+        static_cast<void>(turn.finish());
+    return removed;
 }
 
 } // namespace kf::keychain

@@ -42,8 +42,10 @@ Result<std::shared_ptr<const KeyIndex>> keyIndex(const std::string& path);
 Status withDatabase(const std::string& path, bool unlocked, const std::function<Status(Database&)>& reader);
 
 /// Calls `writer` with an unlocked database and its turn, under the writer
-/// lock, after undoing what an earlier writer left unfinished. Where `writer`
-/// fails, it has changed nothing.
+/// lock, after settling what an earlier writer left unfinished. Where `writer`
+/// fails, it has changed nothing. Where the keychain is there and cannot be
+/// written, every write of `writer` gives the reason: one that finds all as it
+/// is to be succeeds.
 Status writeDatabase(
     const std::string& path, Access access, const std::function<Status(Database&, WriteTurn&)>& writer);
 
@@ -55,7 +57,13 @@ struct Creation {
 };
 
 /// Makes every object that is not there, or none of them: after a failure, and
-/// after a crash by the next writer, those made are gone again.
+/// after a crash by the next writer, those made are gone again. In the order
+/// given, but for private keys, which come last: none is ever without its
+/// certificate.
 Status createAll(Database& database, WriteTurn& turn, const std::vector<Creation>& creations);
+
+/// Removes a certificate with what the keychain says of its trust; both or
+/// neither. errSecInvalidItemRef where it is not there.
+Status removeWithTrust(Database& database, WriteTurn& turn, std::span<const std::uint8_t> certificate);
 
 } // namespace kf::keychain
