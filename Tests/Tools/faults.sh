@@ -61,7 +61,10 @@ every() {
         met=false
         injection=$1:$2:when=$number
         ! disturb "$injection" add || met=true
-        recover "$injection" add added.list
+        # What was begun is finished, or taken back at once.
+        [ $((number % 2)) = 0 ] || recover "$injection" add added.list
+        [ $((number % 2)) = 1 ] || recover "$injection" remove removed.list
+        "$security" add-trusted-cert -d root.der > stdout 2> stderr || fail "addition after one with $injection"
         ! disturb "$injection" remove || met=true
         recover "$injection" remove removed.list
         number=$((number + $3))

@@ -41,7 +41,9 @@ void forgetAddition(const Bytes& certificate)
 
 Outcome removeOurs(const SecCertificateRef& item, Record& record, const std::string& line)
 {
-    if (const OSStatus status = SecKeychainItemDelete(item); status != errSecSuccess)
+    const OSStatus status = SecKeychainItemDelete(item);
+    // One that goes meanwhile is as good: the keychain takes back by itself what a killed run began.
+    if (status != errSecSuccess && status != errSecInvalidItemRef)
         return failed(statusText(status));
     record.erase(line);
     const std::string error = record.save();
