@@ -1,7 +1,10 @@
 // rights [--cancel-after MILLISECONDS] [--interaction no] [--pipe] [add FILE | remove FILE | run PROGRAM]...
+// rights words WORD...
 //
 // Obtains the administrator's right and then, under it, runs the tool for each
-// command in turn, as the installer page does; tells what came of each.
+// command in turn, as the installer page does; tells what came of each. With
+// "words" it starts the launcher by hand, as an attacker who holds the right
+// could, and tells the launcher's reply.
 
 #include "Foundation/NSError.h"
 #include "Keychain/SFAuthorization+Execute.h"
@@ -12,8 +15,11 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -57,6 +63,31 @@ void execute(const Ref<SFAuthorization>& authorization, std::string_view command
         std::puts("a child is left");
 }
 
+void startByHand(char** words)
+{
+    int ends[2] = {-1, -1};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        return;
+    std::string pkexec = "/usr/bin/pkexec";
+    std::string option = "--disable-internal-agent";
+    std::string launcher = "/usr/libexec/keyfold/keyfold-launcher";
+    std::vector<char*> vector = {pkexec.data(), option.data(), launcher.data()};
+    while (*words)
+        vector.push_back(*words++);
+    vector.push_back(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(ends[1], 0);
+        ::execv(vector[0], vector.data());
+        ::_exit(127);
+    }
+    ::close(ends[1]);
+    char reply = '-';
+    static_cast<void>(::read(ends[0], &reply, 1) == 1);
+    ::waitpid(child, nullptr, 0);
+    std::printf("reply: %c\n", reply);
+}
+
 } // namespace
 
 int main(int count, char** words)
@@ -90,6 +121,10 @@ int main(int count, char** words)
         }
     }
     obtain();
+    if (isObtained && index < count && std::string_view(words[index]) == "words") {
+        startByHand(words + index + 1);
+        return 0;
+    }
     for (; isObtained && index + 1 < count; index += 2)
         execute(authorization, words[index], words[index + 1]);
     if (canceling.joinable())

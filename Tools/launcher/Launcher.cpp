@@ -87,6 +87,16 @@ int becomeTool(const Request& request, const Places& places)
     return ::write(report.get(), &error, sizeof error) == sizeof error ? EXIT_FAILURE : EXIT_FAILURE + 1;
 }
 
+/// As far as it goes: a hard limit takes a right that some containers withhold from root.
+void raiseLimit(decltype(RLIMIT_FSIZE) resource)
+{
+    rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+    if (::setrlimit(resource, &limit) == 0 || ::getrlimit(resource, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(resource, &limit);
+}
+
 } // namespace
 
 void leaveTheCallersProcess()
@@ -102,9 +112,8 @@ void leaveTheCallersProcess()
     if (::chdir("/") != 0)
         ::_exit(EXIT_FAILURE);
     ::umask(022);
-    constexpr rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
     for (const auto resource : {RLIMIT_FSIZE, RLIMIT_CPU, RLIMIT_AS, RLIMIT_DATA})
-        ::setrlimit(resource, &unlimited); // only root can raise them
+        raiseLimit(resource);
     constexpr itimerval never{};
     for (const auto timer : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF})
         ::setitimer(timer, &never, nullptr);
