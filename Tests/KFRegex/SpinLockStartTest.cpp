@@ -7,6 +7,8 @@
 #include <chrono>
 #include <thread>
 
+using namespace kf::spinlock;
+
 namespace {
 
 constinit OSSpinLock lock = OS_SPINLOCK_INIT;

@@ -1,7 +1,7 @@
 // The lock, with a kernel that can be told to refuse barriers.
 //
-// Whether a process unlocks by store or by exchange is local to the lock's
-// source unit and never goes back, so this program takes that unit in.
+// How locks are given back is settled once in a process, so this program takes
+// the lock's source unit in, to begin again for each test.
 
 #include "Foundation/OSSpinLock.cpp"
 
@@ -17,6 +17,8 @@
 
 #include <dlfcn.h>
 #include <sys/wait.h>
+
+using namespace kf::spinlock;
 
 namespace {
 
