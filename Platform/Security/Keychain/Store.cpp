@@ -143,8 +143,8 @@ Result<std::vector<const Creation*>> missingOf(const std::vector<Creation>& crea
         if (!*there && std::ranges::none_of(missing, isSame))
             missing.push_back(&creation);
     }
-    std::ranges::stable_partition(
-        missing, [](const Creation* creation) { return creation->name.objectClass != ObjectClass::privateKey; });
+    std::stable_partition(missing.begin(), missing.end(),
+        [](const Creation* creation) { return creation->name.objectClass != ObjectClass::privateKey; });
     return missing;
 }
 
