@@ -167,9 +167,10 @@ TEST_F(LauncherProcess, ClosedStandardDescriptorsDoNotConfuseIt)
 TEST_F(LauncherProcess, TheBytesCannotBeChangedOnTheWay)
 {
     script("tool",
-        "echo x 2> /dev/null >> /dev/fd/3 || echo kept > " + path("result") + "; cat /dev/fd/3 >> " + path("result"));
+        "for way in '1<>' '>>' '>'; do sh -c \"printf x $way /dev/fd/3\" 2> /dev/null || echo kept; done > "
+            + path("result") + "; cat /dev/fd/3 >> " + path("result"));
     EXPECT_EQ(start(), 's');
-    EXPECT_EQ(content("result"), "kept\nthe authority's bytes");
+    EXPECT_EQ(content("result"), "kept\nkept\nkept\nthe authority's bytes");
 }
 
 TEST_F(LauncherProcess, RunsNothingForACallerThatIsGone)
