@@ -1,6 +1,7 @@
 #include "KFWizard/BackgroundRunner.h"
 
 #include "Foundation/Guarded.h"
+#include "Security/Authorization/OpenRequest.h"
 
 #include <QApplication>
 #include <QEvent>
@@ -92,6 +93,7 @@ bool BackgroundRunner::eventFilter(QObject* watched, QEvent* event)
     if (watched != qApp || event->type() != QEvent::Quit)
         return false;
     quitRequested_ = true;
+    authorization::cancelOpenRequests(); // a stuck question would keep the job for ever
     event->ignore();
     return true;
 }

@@ -2,6 +2,7 @@
 
 #include "AppKit/Text.h"
 #include "KFWizard/KFWizardPane.h"
+#include "Security/Authorization/OpenRequest.h"
 
 #include <QCloseEvent>
 #include <QFrame>
@@ -274,6 +275,7 @@ void WizardWindow::closeEvent(QCloseEvent* event)
     // Both jobs of a page belong together: the window waits for the page, not for the job.
     if (entering_ || runner_.isBusy()) {
         closeRequested_ = true;
+        authorization::cancelOpenRequests(); // a stuck question would keep the page for ever
         event->ignore();
         return;
     }

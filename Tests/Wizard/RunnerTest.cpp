@@ -1,5 +1,6 @@
 #include "AppKit/MainThread.h"
 #include "KFWizard/BackgroundRunner.h"
+#include "Security/Authorization/OpenRequest.h"
 #include "Tests/Wizard/Support.h"
 
 #include <QThread>
@@ -134,6 +135,22 @@ TEST(BackgroundRunner, AQuitWaitsForTheJobAndThenHappens)
     EXPECT_EQ(QApplication::exec(), 0);
     EXPECT_TRUE(jobEnded);
     EXPECT_FALSE(quitBeforeEnd);
+}
+
+TEST(BackgroundRunner, AQuitGivesUpAQuestionForAdministratorRights)
+{
+    BackgroundRunner runner;
+    bool isAnswered = true;
+    QTimer::singleShot(0, [&] {
+        QTimer::singleShot(30, qApp, &QCoreApplication::quit);
+        runner.run(job([&] {
+            const kf::authorization::OpenRequest request;
+            isAnswered = request.waitFor(-1);
+        }));
+    });
+    const kf::test::Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_FALSE(isAnswered);
 }
 
 TEST(BackgroundRunner, AnExitDoesNotLockJobAndMainThreadUp)

@@ -1,5 +1,6 @@
 #include "KFWizard/WizardWindow.h"
 #include "KFWizard/KFWizardPane.h"
+#include "Security/Authorization/OpenRequest.h"
 #include "Tests/Wizard/Support.h"
 
 #include <QPushButton>
@@ -216,6 +217,21 @@ TEST_F(Wizard, ClosingWaitsUntilThePageIsDone)
     press("nextButton");
     EXPECT_TRUE(visibleBetweenJobs);
     EXPECT_TRUE(secondJobRan);
+    EXPECT_FALSE(window_.isVisible());
+}
+
+TEST_F(Wizard, ClosingGivesUpAQuestionForAdministratorRights)
+{
+    bool isAnswered = true;
+    page(1).onEnter = [&] {
+        QTimer::singleShot(30, [this] { window_.close(); });
+        page(1).runJob([&] {
+            const kf::authorization::OpenRequest request;
+            isAnswered = request.waitFor(-1);
+        });
+    };
+    press("nextButton");
+    EXPECT_FALSE(isAnswered);
     EXPECT_FALSE(window_.isVisible());
 }
 
