@@ -121,6 +121,13 @@ TEST_F(LaunchTest, ACertificateThatCannotBeReadStartsNothing)
     EXPECT_FALSE(exists("ran"));
 }
 
+TEST_F(LaunchTest, APathOfSeveralLinesIsToldOnOne)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(execute(add(path("missing\nSystem keychain: trusted"))), errAuthorizationToolExecuteFailure);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("missing?System keychain: trusted: No such file"));
+}
+
 TEST_F(LaunchTest, PipeIsTheToolsInputAndOutput)
 {
     script("tool", "read line; echo \"heard $line\"; exit 5");

@@ -57,6 +57,21 @@ says "System keychain: trusted"
 asked 1
 nothing_trusted
 
+# An administrator's rule may do without the question, for the authority alone.
+cat > /etc/polkit-1/rules.d/10-keyfold.rules << RULE
+polkit.addRule(function (action, subject) {
+    if (action.id === "$admin" && subject.isInGroup("sudo"))
+        return polkit.Result.YES;
+});
+RULE
+kill "$(pidof polkitd)"
+with_agent "" "$rights" add "$installed_authority" add /tmp/pki/another.der
+expect "the authority is taken" grep -q "^ended: 0" "$log"
+expect "another is not" grep -q "^failed: -60005" "$log"
+rm /etc/polkit-1/rules.d/10-keyfold.rules
+kill "$(pidof polkitd)"
+nothing_trusted
+
 # Any other certificate: a dialog of its own, every time.
 with_agent password "$rights" add /tmp/pki/another.der remove /tmp/pki/another.der
 expect "both executions succeed" [ "$(grep -c "^ended: 0" "$log")" = 2 ]

@@ -4,6 +4,7 @@
 #include "Security/ScopedDescriptor.h"
 #include "launcher/Certificate.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -47,8 +48,11 @@ bool tell(LaunchReply reply, int descriptor = -1)
     return ::sendmsg(channel, &message, MSG_NOSIGNAL) == 1;
 }
 
-int giveUp(LaunchReply reply, const std::string& reason)
+int giveUp(LaunchReply reply, std::string reason)
 {
+    // A path's control characters could pass for lines of somebody else.
+    std::ranges::replace_if(
+        reason, [](char character) { return character >= 0 && character < ' '; }, '?');
     std::cerr << "keyfold-launcher: " << reason << std::endl;
     tell(reply);
     return EXIT_FAILURE;
