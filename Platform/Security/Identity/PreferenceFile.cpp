@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <sys/random.h>
+#include <random>
 #include <sys/stat.h>
 
 namespace kf {
@@ -193,9 +193,7 @@ Status writeWhole(int file, std::string_view text)
 /// A name beside the file's own that nobody else uses.
 std::string temporaryName(const std::string& file)
 {
-    std::array<std::uint8_t, 8> random{};
-    static_cast<void>(::getrandom(random.data(), random.size(), 0));
-    return "." + file + "." + hexadecimal(random);
+    return "." + file + "." + std::to_string(std::random_device()());
 }
 
 /// A file with the text, on the disk.
