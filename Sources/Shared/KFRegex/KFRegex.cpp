@@ -392,13 +392,18 @@ void kfr_cleanup_cacheSpinLockStatus(const std::uint32_t* lockStatus) noexcept
         repairCacheSpinLock();
 }
 
+// Out of line: inlined, the lock's rare ways take registers from the operations
+// and cost them more than the calls.
+[[gnu::noinline]] void lockCache() noexcept { OSSpinLockLock(&cacheSpinLock); }
+[[gnu::noinline]] void unlockCache() noexcept { OSSpinLockUnlock(&cacheSpinLock); }
+
 /// The lock of one public operation. It is to be unlocked by hand before the
 /// operation reports anything; what its destructor has to unlock is an anomaly.
 class CacheLock {
 public:
     CacheLock() noexcept
     {
-        OSSpinLockLock(&cacheSpinLock);
+        lockCache();
         status_ |= lockTaken;
     }
     ~CacheLock() { kfr_cleanup_cacheSpinLockStatus(&status_); }
@@ -407,7 +412,7 @@ public:
 
     void unlock() noexcept
     {
-        OSSpinLockUnlock(&cacheSpinLock);
+        unlockCache();
         status_ |= lockReleased;
     }
 
