@@ -301,9 +301,11 @@ TEST(BundleCost, NumbersThatMakeNoSenseAreDamage)
 
 Bytes der(std::uint8_t tag, const Bytes& content)
 {
-    Bytes whole = {tag, 0x83, static_cast<std::uint8_t>(content.size() >> 16U),
-        static_cast<std::uint8_t>(content.size() >> 8U), static_cast<std::uint8_t>(content.size())};
-    whole.insert(whole.end(), content.begin(), content.end());
+    const std::size_t size = content.size();
+    const std::array<std::uint8_t, 5> head = {tag, 0x83, static_cast<std::uint8_t>(size >> 16U),
+        static_cast<std::uint8_t>(size >> 8U), static_cast<std::uint8_t>(size)};
+    Bytes whole(head.size() + size);
+    std::ranges::copy(content, std::ranges::copy(head, whole.begin()).out);
     return whole;
 }
 
