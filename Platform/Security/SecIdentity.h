@@ -3,7 +3,8 @@
 
 #include "Security/SecCertificate.h"
 
-/// A private key in a keychain. Its bytes never leave the keychain.
+/// A private key in a keychain. Its bytes leave the keychain only
+/// encrypted (SecKeychainItemExport).
 class SecKey final : public SecKeychainItem {
 public:
     /// What ties it to its certificates (CKA_ID).

@@ -85,4 +85,8 @@ OSStatus SecTrustSettingsSetTrustSettings(
 /// the caller. errSecItemNotFound where there are none.
 OSStatus SecTrustSettingsCopyTrustSettings(
     const SecCertificateRef& certificate, SecTrustSettingsDomain domain, Ref<NSArray>* settings);
+/// The certificates that have settings in a domain, an array of SecCertificate
+/// owned by the caller. errSecNoTrustSettings where there are none; the
+/// keychain's own errors.
+OSStatus SecTrustSettingsCopyCertificates(SecTrustSettingsDomain domain, Ref<NSArray>* certificates);
 OSStatus SecTrustSettingsRemoveTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain);

@@ -2,6 +2,7 @@
 #include "Security/Authorization/Backend.h"
 #include "Security/Keychain/Index.h"
 #include "Security/ScopedOpenSSL.h"
+#include "Security/SecKeychainSearch.h"
 #include "Security/SecTrust.h"
 #include "Security/Trust/DistributionStore.h"
 #include "Security/Trust/Evaluation.h"
@@ -163,6 +164,41 @@ Result<Trust> trustOfDistribution(const ParsedCertificate& certificate)
     return trust;
 }
 
+Result<Ref<NSMutableArray>> certificatesOfDistribution()
+{
+    auto certificates = NSMutableArray::array();
+    for (Bytes& der : trust::distributionStore()->certificates()) {
+        const CSSM_DATA data{der.size(), der.data()};
+        SecCertificateRef certificate;
+        if (SecCertificateCreateFromData(&data, CSSM_CERT_X_509v3, CSSM_CERT_ENCODING_DER, &certificate)
+            == errSecSuccess)
+            certificates->addObject(certificate);
+    }
+    return certificates;
+}
+
+/// Those of a domain's keychain that it says something of.
+Result<Ref<NSMutableArray>> certificatesOf(SecTrustSettingsDomain domain)
+{
+    const auto keychain = keychainOf(domain);
+    if (!keychain)
+        return keychain.failure();
+    SecKeychainSearchRef search;
+    SecKeychainItemRef item;
+    auto certificates = NSMutableArray::array();
+    OSStatus status = SecKeychainSearchCreateFromAttributes(*keychain, kSecCertificateItemClass, nullptr, &search);
+    while (status == errSecSuccess && (status = SecKeychainSearchCopyNext(search, &item)) == errSecSuccess) {
+        const auto trust = keychain::readTrust(*keychain, refCast<SecCertificate>(item)->parsed().der);
+        if (trust)
+            certificates->addObject(item);
+        else if (trust.status() != errSecItemNotFound && trust.status() != errSecUnknownFormat)
+            return trust.failure();
+    }
+    if (status != errSecItemNotFound)
+        return Failure{status};
+    return certificates;
+}
+
 } // namespace
 
 OSStatus SecTrustSettingsSetTrustSettings(
@@ -199,6 +235,20 @@ OSStatus SecTrustSettingsCopyTrustSettings(
     if (trust)
         *settings = settingsOf(*trust);
     return trust.status();
+}
+
+OSStatus SecTrustSettingsCopyCertificates(SecTrustSettingsDomain domain, Ref<NSArray>* certificates)
+{
+    if (!certificates)
+        return errSecParam;
+    certificates->reset();
+    const auto found = domain == kSecTrustSettingsDomainSystem ? certificatesOfDistribution() : certificatesOf(domain);
+    if (!found)
+        return found.status();
+    if ((*found)->count() == 0)
+        return errSecNoTrustSettings;
+    *certificates = NSArray::arrayWithArray(*found);
+    return errSecSuccess;
 }
 
 OSStatus SecTrustSettingsRemoveTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain)

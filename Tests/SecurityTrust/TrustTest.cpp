@@ -7,6 +7,7 @@
 #include "Security/Keychain/Store.h"
 #include "Security/SecTrust.h"
 #include "Security/Trust/DistributionStore.h"
+#include "Security/Trust/Evaluation.h"
 #include "Tests/Support/Fixtures.h"
 #include "Tests/Support/RecordingAuthorization.h"
 #include "Tests/Support/ScratchHome.h"
@@ -305,6 +306,22 @@ TEST_F(TrustTest, AnExpiredLeafIsNotTrusted)
     EXPECT_EQ(evaluate({authority().issue(options).leaf, issuer()}), kSecTrustResultRecoverableTrustFailure);
 }
 
+TEST_F(TrustTest, TellsWhyACertificateIsNotTrusted)
+{
+    const auto reasonsOf = [](const Bytes& der) {
+        const auto evaluation = kf::trust::evaluateWithReasons({certificateOf(der), certificateOf(issuer())});
+        return evaluation ? evaluation->reasons : std::vector<std::string>{"not evaluated"};
+    };
+    BundleOptions old;
+    old.notAfter = "20210101000000Z";
+    const Bytes expired = authority().issue(old).leaf;
+    EXPECT_THAT(reasonsOf(expired),
+        ::testing::UnorderedElementsAre("certificate has expired", "unable to get local issuer certificate"));
+    set(defaultKeychain(), root(), yes, yes);
+    EXPECT_THAT(reasonsOf(expired), ::testing::ElementsAre("certificate has expired"));
+    EXPECT_THAT(reasonsOf(leaf()), ::testing::IsEmpty());
+}
+
 TEST_F(TrustTest, AnIssuerThatIsNoAuthorityIsRefused)
 {
     set(defaultKeychain(), leaf(), yes, yes);
@@ -495,6 +512,32 @@ TEST_F(TrustSettingsTest, SystemDomainIsTheDistributionsAndReadOnly)
     store_.add(authority().rootFile(), "root.pem");
     EXPECT_EQ(SecTrustSettingsCopyTrustSettings(certificate, kSecTrustSettingsDomainSystem, &settings), errSecSuccess);
     EXPECT_EQ(countOf(settings), 1U);
+}
+
+TEST_F(TrustSettingsTest, ListsTheCertificatesWithSettings)
+{
+    Ref<NSArray> certificates;
+    for (const auto domain : {kSecTrustSettingsDomainUser, kSecTrustSettingsDomainAdmin, kSecTrustSettingsDomainSystem})
+        EXPECT_EQ(SecTrustSettingsCopyCertificates(domain, &certificates), errSecNoTrustSettings);
+    add(defaultKeychain(), leaf());
+    set(defaultKeychain(), root(), denied, denied);
+    set(systemKeychain(), issuer(), yes, yes);
+    ASSERT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainUser, &certificates), errSecSuccess);
+    ASSERT_EQ(certificates->count(), 1U);
+    EXPECT_EQ(certificates->objectAs<SecCertificate>(0)->digest(), certificateOf(root())->digest());
+    ASSERT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainAdmin, &certificates), errSecSuccess);
+    ASSERT_EQ(certificates->count(), 1U);
+    EXPECT_EQ(certificates->objectAs<SecCertificate>(0)->digest(), certificateOf(issuer())->digest());
+
+    store_.add(authority().rootFile(), "root.pem");
+    kf::test::writeFile(store_.directory() / "0123abcd.0", std::string_view("no certificate\n"));
+    fs::copy_file(authority().issuerFile(), store_.directory() / "issuer.pem"); // not hashed, so nobody finds it
+    ASSERT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainSystem, &certificates), errSecSuccess);
+    ASSERT_EQ(certificates->count(), 1U);
+    EXPECT_EQ(certificates->objectAs<SecCertificate>(0)->digest(), certificateOf(root())->digest());
+    EXPECT_EQ(SecTrustSettingsCopyCertificates(7, &certificates), errSecParam);
+    EXPECT_FALSE(certificates);
+    EXPECT_EQ(SecTrustSettingsCopyCertificates(kSecTrustSettingsDomainUser, nullptr), errSecParam);
 }
 
 TEST_F(TrustSettingsTest, SettingsAreReadBackAsTheyWereWritten)

@@ -38,6 +38,7 @@ class OneAuthorityStore final : public kf::trust::DistributionStore {
 public:
     explicit OneAuthorityStore(Bytes der) : der_(std::move(der)) { }
     std::vector<kf::Bytes> certificatesWithSubject(std::span<const std::uint8_t>) const override { return {der_}; }
+    std::vector<kf::Bytes> certificates() const override { return {der_}; }
 
 private:
     Bytes der_;

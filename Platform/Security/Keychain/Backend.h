@@ -116,6 +116,9 @@ public:
     virtual Result<bool> containsCertificate(std::span<const std::uint8_t> der) = 0;
     /// errSecInteractionNotAllowed while locked.
     virtual Result<bool> containsPrivateKey(std::span<const std::uint8_t> id) = 0;
+    /// A key on its way out: its PrivateKeyInfo (RFC 5208). Besides the above, errSecInvalidItemRef where it is not
+    /// there, errSecKeyIsSensitive where it may not leave, errSecUnimplemented where keys never do.
+    virtual Result<SecretBytes> privateKeyInfo(std::span<const std::uint8_t> id) = 0;
 
     /// errSecReadOnly or errSecWrPerm where this database cannot be written; errSecKeychainBusy where another process's
     /// turn does not end.

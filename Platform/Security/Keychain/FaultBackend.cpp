@@ -143,6 +143,10 @@ public:
     {
         return guarded(*plan_, Operation::containsPrivateKey, [&] { return inner_->containsPrivateKey(id); });
     }
+    Result<SecretBytes> privateKeyInfo(std::span<const std::uint8_t> id) override
+    {
+        return inner_->privateKeyInfo(id);
+    }
     Result<std::unique_ptr<WriteTurn>> beginWriting() override
     {
         return guarded(*plan_, Operation::beginWriting, [&]() -> Result<std::unique_ptr<WriteTurn>> {

@@ -150,6 +150,8 @@ public:
         return findKey(id) != objects_->keys.end();
     }
 
+    Result<SecretBytes> privateKeyInfo(std::span<const std::uint8_t>) override { return Failure{errSecUnimplemented}; }
+
     Result<std::unique_ptr<WriteTurn>> beginWriting() override
     {
         std::unique_lock lock(objects_->mutex);

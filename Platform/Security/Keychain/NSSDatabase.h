@@ -27,6 +27,7 @@ public:
     Result<std::vector<KeyRecord>> privateKeys() override;
     Result<bool> containsCertificate(std::span<const std::uint8_t> der) override;
     Result<bool> containsPrivateKey(std::span<const std::uint8_t> id) override;
+    Result<SecretBytes> privateKeyInfo(std::span<const std::uint8_t> id) override; // KeyExport.cpp
     Result<std::unique_ptr<WriteTurn>> beginWriting() override;
     Status addCertificate(std::span<const std::uint8_t> der, const std::string& label) override;
     Status addPrivateKey(const PrivateKey& key) override;

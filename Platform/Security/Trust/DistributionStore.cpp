@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
 #include <openssl/pem.h>
+#include <set>
 #include <utility>
 
 namespace kf::trust {
@@ -67,6 +69,31 @@ std::vector<Bytes> HashedDirectoryStore::certificatesWithSubject(std::span<const
         if (fields && std::ranges::equal(fields->subject, subject))
             found.push_back(std::move(der));
     }
+}
+
+std::vector<Bytes> HashedDirectoryStore::certificates() const
+{
+    const OpenSSLErrorMark mark;
+    const auto isHashed = [](const std::string& name) {
+        constexpr std::size_t digits = 8;
+        return name.size() > digits + 1 && name[digits] == '.' && name.find_first_not_of("0123456789abcdef") == digits
+            && name.find_first_not_of("0123456789", digits + 1) == name.npos;
+    };
+    std::set<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory_, error), end; !error && entry != end;
+         entry.increment(error))
+        if (const std::string name = entry->path().filename(); isHashed(name))
+            names.insert(name);
+    std::vector<Bytes> found;
+    std::set<Digest> seen;
+    for (const std::string& name : names) {
+        const ScopedBIOChain file(BIO_new_file((directory_ + "/" + name).c_str(), "rb"));
+        Bytes der = file ? readCertificate(file.get()) : Bytes();
+        if (readCertificateFields(der) && seen.insert(sha256(der)).second)
+            found.push_back(std::move(der));
+    }
+    return found;
 }
 
 std::shared_ptr<const DistributionStore> distributionStore()

@@ -17,6 +17,8 @@ public:
     /// The DER of each authority whose subject is `subject` (DER of the Name);
     /// what cannot be read is left out.
     virtual std::vector<Bytes> certificatesWithSubject(std::span<const std::uint8_t> subject) const = 0;
+    /// The DER of all of them, each once, in an order that stays; what cannot be read is left out.
+    virtual std::vector<Bytes> certificates() const = 0;
 };
 
 /// A directory of PEM files named by the hash of their subject, as c_rehash and
@@ -25,6 +27,7 @@ class HashedDirectoryStore final : public DistributionStore {
 public:
     explicit HashedDirectoryStore(std::string directory);
     std::vector<Bytes> certificatesWithSubject(std::span<const std::uint8_t> subject) const override;
+    std::vector<Bytes> certificates() const override;
 
 private:
     std::string directory_;

@@ -156,9 +156,10 @@ private:
 
 /// What came of building and checking one chain.
 struct Verdict {
-    bool isValid = true;
-    bool hasWrongSignature = false;
+    std::vector<int> errors; ///< each once
     bool isDenied = false;
+
+    bool isValid() const noexcept { return errors.empty(); }
 };
 
 bool isSignatureError(int error)
@@ -173,8 +174,9 @@ int noteError(int valid, X509_STORE_CTX* context)
     if (valid == 1)
         return 1;
     auto* verdict = static_cast<Verdict*>(X509_STORE_CTX_get_app_data(context));
-    verdict->isValid = false;
-    verdict->hasWrongSignature |= isSignatureError(X509_STORE_CTX_get_error(context));
+    const int error = X509_STORE_CTX_get_error(context);
+    if (std::ranges::find(verdict->errors, error) == verdict->errors.end())
+        verdict->errors.push_back(error);
     return 1;
 }
 
@@ -242,6 +244,19 @@ std::vector<const Candidate*> anchorsOfDistribution(const ChainMaterial& materia
     return anchors;
 }
 
+/// What is wrong whatever the anchors; where that is nothing, what is wrong with those that settings name.
+std::vector<std::string> reasonsOf(const Verdict& bySetting, const Verdict& byDistribution)
+{
+    std::vector<int> errors;
+    for (const int error : bySetting.errors)
+        if (std::ranges::find(byDistribution.errors, error) != byDistribution.errors.end())
+            errors.push_back(error);
+    std::vector<std::string> reasons;
+    for (const int error : errors.empty() ? bySetting.errors : errors)
+        reasons.emplace_back(X509_verify_cert_error_string(error));
+    return reasons;
+}
+
 } // namespace
 
 TrustLevel basicLevel(const Trust& trust) noexcept
@@ -253,6 +268,12 @@ TrustLevel basicLevel(const Trust& trust) noexcept
 
 Result<SecTrustResultType> evaluate(const std::vector<SecCertificateRef>& certificates)
 {
+    const auto evaluation = evaluateWithReasons(certificates);
+    return evaluation ? Result(evaluation->result) : evaluation.failure();
+}
+
+Result<Evaluation> evaluateWithReasons(const std::vector<SecCertificateRef>& certificates)
+{
     const OpenSSLErrorMark mark;
     ChainMaterial material(certificates);
     if (!material.collect())
@@ -261,18 +282,20 @@ Result<SecTrustResultType> evaluate(const std::vector<SecCertificateRef>& certif
     if (!bySetting)
         return bySetting.failure();
     if (bySetting->isDenied)
-        return kSecTrustResultDeny;
-    if (bySetting->isValid)
-        return kSecTrustResultProceed;
+        return Evaluation{kSecTrustResultDeny, {}};
+    if (bySetting->isValid())
+        return Evaluation{kSecTrustResultProceed, {}};
     const auto byDistribution = verify(material, anchorsOfDistribution(material));
     if (!byDistribution)
         return byDistribution.failure();
     if (byDistribution->isDenied)
-        return kSecTrustResultDeny;
-    if (byDistribution->isValid)
-        return kSecTrustResultUnspecified;
-    const bool fatal = bySetting->hasWrongSignature || byDistribution->hasWrongSignature;
-    return fatal ? kSecTrustResultFatalTrustFailure : kSecTrustResultRecoverableTrustFailure;
+        return Evaluation{kSecTrustResultDeny, {}};
+    if (byDistribution->isValid())
+        return Evaluation{kSecTrustResultUnspecified, {}};
+    const bool fatal = std::ranges::any_of(bySetting->errors, isSignatureError)
+        || std::ranges::any_of(byDistribution->errors, isSignatureError);
+    return Evaluation{fatal ? kSecTrustResultFatalTrustFailure : kSecTrustResultRecoverableTrustFailure,
+        reasonsOf(*bySetting, *byDistribution)};
 }
 
 } // namespace kf::trust

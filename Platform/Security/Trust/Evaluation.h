@@ -15,4 +15,12 @@ keychain::TrustLevel basicLevel(const keychain::Trust& trust) noexcept;
 /// can be read.
 Result<SecTrustResultType> evaluate(const std::vector<SecCertificateRef>& certificates);
 
+/// A result and, where it trusts nobody, why: OpenSSL's texts, those about the
+/// certificate itself rather than about one of the two kinds of anchors.
+struct Evaluation {
+    SecTrustResultType result = kSecTrustResultInvalid;
+    std::vector<std::string> reasons;
+};
+Result<Evaluation> evaluateWithReasons(const std::vector<SecCertificateRef>& certificates);
+
 } // namespace kf::trust
