@@ -69,7 +69,7 @@ TEST_F(CommandsTest, WrongUseIsToldWithAStatusOfItsOwn)
 {
     const std::vector<std::vector<std::string>> wrong = {{}, {"nonsense"}, {"add-trusted-cert"},
         {"add-trusted-cert", "a", "b"}, {"add-trusted-cert", "-x", "a"}, {"add-trusted-cert", "a", "-k"},
-        {"add-trusted-cert", "-r", "deny", "a"}, {"remove-trusted-cert"}, {"remove-trusted-cert", "-k", "K", "a"},
+        {"add-trusted-cert", "-r", "trust", "a"}, {"add-trusted-cert", "-p", "ssl", "a"}, {"remove-trusted-cert"}, {"remove-trusted-cert", "-k", "K", "a"},
         {"trust-status", "a", "b"}, {"trust-status", "--jsonny"}, {"remove-trusted-cert", "--json", "a"}};
     for (const auto& words : wrong) {
         EXPECT_EQ(run(words), 2);

@@ -51,7 +51,7 @@ TEST_F(DeleteTest, RefusesWhereSeveralMatchAndTakesADigest)
     addCertificate(keychain, secondAda().certFile, "Ada Example");
     addCertificate(other, ada().certFile, "Ada Example");
     const Said several = tool({"delete-certificate", "-c", "Ada Example", keychain});
-    const std::string head = "security: delete-certificate: 2 items match, and none was deleted. Name one by its "
+    const std::string head = "security: delete-certificate: 2 items match, and nothing was done. Name one by its "
                              "digest and keychain:\n";
     const std::string first = "security: " + keychain.string() + ": " + named("Ada Example", ada().certFile) + "\n";
     const std::string second =
@@ -155,7 +155,7 @@ TEST_F(DeleteTest, AnIdentityIsNotChosenByChance)
     const Said said = tool({"delete-identity", "-c", "Ada Example", keychain});
     EXPECT_EQ(said.status, 1);
     EXPECT_EQ(said.output, "");
-    EXPECT_THAT(said.errors, HasSubstr("delete-identity: 2 items match, and none was deleted."));
+    EXPECT_THAT(said.errors, HasSubstr("delete-identity: 2 items match, and nothing was done."));
     EXPECT_THAT(said.errors, HasSubstr(digest(ada().certFile)));
     EXPECT_THAT(said.errors, HasSubstr(digest(secondAda().certFile)));
     EXPECT_THAT(tool({"find-identity", keychain}).output, HasSubstr("2 identities found"));

@@ -7,6 +7,8 @@
 #include "security/SystemKeychain.h"
 #include "security/TrustedCertificate.h"
 
+#include <algorithm>
+#include <array>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -78,21 +80,66 @@ bool addToKeychain(const TrustedCertificate& read, const std::string& place, con
     return report(place, status == errSecSuccess, status == errSecSuccess ? "certificate added" : statusText(status));
 }
 
-int trustForTheUser(const TrustedCertificate& read)
+struct Kind {
+    std::string_view name; ///< as -r takes it
+    SecTrustSettingsResult result;
+    const char* was; ///< what is told where the setting was there
+    const char* is;  ///< and where it has been written
+};
+
+constexpr std::array kinds = {
+    Kind{"trustRoot", kSecTrustSettingsResultTrustRoot, "was trusted already", "trusted"},
+    Kind{"trustAsRoot", kSecTrustSettingsResultTrustAsRoot, "was trusted already", "trusted by itself"},
+    Kind{"deny", kSecTrustSettingsResultDeny, "was denied already", "denied"},
+    Kind{"unspecified", kSecTrustSettingsResultUnspecified, "had no word on it already", "no word on it any more"},
+};
+
+std::string whyNotOfKind(const Bytes& certificate, const Kind& kind)
 {
-    if (isTrustedAsRoot(read.certificate, kSecTrustSettingsDomainUser)) {
-        report(defaultKeychainName, true, "was trusted already");
+    switch (kind.result) {
+    case kSecTrustSettingsResultTrustRoot:
+        return whyNotAdmissible(certificate);
+    case kSecTrustSettingsResultTrustAsRoot:
+        return whyNotAdmissibleItself(certificate);
+    default:
+        return {}; // whatever it is, it may be distrusted
+    }
+}
+
+int setForTheUser(const TrustedCertificate& read, const Kind& kind)
+{
+    if (hasSetting(read.certificate, kSecTrustSettingsDomainUser, kind.result)) {
+        report(defaultKeychainName, true, kind.was);
         return exitSuccess;
     }
     const OSStatus status =
-        SecTrustSettingsSetTrustSettings(read.certificate, kSecTrustSettingsDomainUser, trustAsRoot());
+        SecTrustSettingsSetTrustSettings(read.certificate, kSecTrustSettingsDomainUser, settingFor(kind.result));
     const bool isDone = status == errSecSuccess;
-    return report(defaultKeychainName, isDone, isDone ? "trusted" : statusText(status)) ? exitSuccess : exitFailure;
+    return report(defaultKeychainName, isDone, isDone ? kind.is : statusText(status)) ? exitSuccess : exitFailure;
 }
 
-int trustForEverybody(const TrustedCertificate& read)
+/// The other places hold trusted roots and nothing else: from them a
+/// certificate that is none is taken out where we put it in.
+Outcome setInPlace(TrustPlace& place, const Bytes& certificate, const Kind& kind)
 {
-    return changeEveryPlace([&](TrustPlace& place) { return place.add(read.der); }, true);
+    if (kind.result == kSecTrustSettingsResultTrustRoot)
+        return place.add(certificate);
+    if (place.name() != systemKeychainName)
+        return place.remove(certificate);
+    const Outcome outcome = SystemKeychain::set(certificate, kind.result);
+    switch (outcome.kind) {
+    case Outcome::Kind::unchanged:
+        return unchanged(kind.was);
+    case Outcome::Kind::done:
+        return done(kind.is);
+    default:
+        return outcome;
+    }
+}
+
+int setForEverybody(const TrustedCertificate& read, const Kind& kind)
+{
+    return changeEveryPlace([&](TrustPlace& place) { return setInPlace(place, read.der, kind); }, true);
 }
 
 } // namespace
@@ -101,12 +148,16 @@ int addTrustedCert(const Arguments& arguments)
 {
     if (arguments.operands.size() != 1)
         return wrongUse("add-trusted-cert", "needs exactly one certificate file");
-    if (arguments.value('r').value_or("trustRoot") != "trustRoot")
-        return wrongUse("add-trusted-cert", "unknown kind of trust \"" + *arguments.value('r') + "\"");
+    const std::string name = arguments.value('r').value_or("trustRoot");
+    const auto kind = std::ranges::find(kinds, name, &Kind::name);
+    if (kind == kinds.end())
+        return wrongUse("add-trusted-cert", "unknown kind of trust \"" + shownText(name) + "\"");
+    if (arguments.value('p').value_or("basic") != "basic")
+        return wrongUse("add-trusted-cert", "unknown policy \"" + shownText(*arguments.value('p')) + "\"");
     const TrustedCertificate read = readOperand(arguments.operands[0]);
     if (!read.certificate)
         return exitFailure;
-    if (const std::string reason = whyNotAdmissible(read.der); !reason.empty()) {
+    if (const std::string reason = whyNotOfKind(read.der, *kind); !reason.empty()) {
         report(read.path, false, reason);
         return exitFailure;
     }
@@ -122,7 +173,7 @@ int addTrustedCert(const Arguments& arguments)
             return exitFailure;
         }
     }
-    const int status = arguments.has('d') ? trustForEverybody(read) : trustForTheUser(read);
+    const int status = arguments.has('d') ? setForEverybody(read, *kind) : setForTheUser(read, *kind);
     const bool isAdded = !isAnother || addToKeychain(read, shownText(path), keychain);
     return isAdded ? status : exitFailure;
 }

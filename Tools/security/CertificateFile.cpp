@@ -83,6 +83,17 @@ bool isInheritedDescriptor(std::string_view path)
         && path.find_first_not_of("0123456789", directory.size()) == path.npos;
 }
 
+/// Its dates and its key.
+std::string whyNotUsable(const CertificateFields& fields, const X509* certificate)
+{
+    const auto now = static_cast<std::int64_t>(std::time(nullptr));
+    if (fields.notAfter < now)
+        return "expired on " + dateText(fields.notAfter);
+    if (fields.notBefore > now)
+        return "is not valid before " + dateText(fields.notBefore);
+    return whyKeyIsWeak(certificate);
+}
+
 } // namespace
 
 CertificateFile readCertificateFile(const std::string& path)
@@ -117,19 +128,26 @@ std::string whyNotAdmissible(const Bytes& der)
     constexpr int authorityByConstraints = 1;
     if (X509_check_ca(certificate.get()) != authorityByConstraints)
         return "is not the certificate of an authority";
-    const auto now = static_cast<std::int64_t>(std::time(nullptr));
-    if (fields->notAfter < now)
-        return "expired on " + dateText(fields->notAfter);
-    if (fields->notBefore > now)
-        return "is not valid before " + dateText(fields->notBefore);
-    if (std::string weakness = whyKeyIsWeak(certificate.get()); !weakness.empty())
-        return weakness;
+    if (std::string reason = whyNotUsable(*fields, certificate.get()); !reason.empty())
+        return reason;
     if (X509_self_signed(certificate.get(), 1) != 1)
         return "is not a root certificate: it did not sign itself";
     return {};
 }
 
-std::string pemText(const Bytes& der)
+std::string whyNotAdmissibleItself(const Bytes& der)
+{
+    const OpenSSLErrorMark mark;
+    const auto fields = readCertificateFields(der);
+    const ScopedX509 certificate = parse(der);
+    if (!fields || !certificate)
+        return "holds a damaged certificate";
+    if (X509_self_signed(certificate.get(), 1) == 1)
+        return "signed itself: a root certificate is trusted with trustRoot";
+    return whyNotUsable(*fields, certificate.get());
+}
+
+std::string pemText(std::span<const std::uint8_t> der)
 {
     const ScopedBIOChain memory(BIO_new(BIO_s_mem()));
     if (!memory || PEM_write_bio(memory.get(), PEM_STRING_X509, "", der.data(), static_cast<long>(der.size())) <= 0)

@@ -25,8 +25,13 @@ CertificateFile readCertificateFile(const std::string& path);
 /// 112 bits of strength (RSA 2048).
 std::string whyNotAdmissible(const Bytes& der);
 
+/// Why a certificate must not be trusted by itself, for nothing that it issued;
+/// empty where it may: another one signed it, it is valid now and its key has
+/// that strength.
+std::string whyNotAdmissibleItself(const Bytes& der);
+
 /// The certificate in PEM (RFC 7468).
-std::string pemText(const Bytes& der);
+std::string pemText(std::span<const std::uint8_t> der);
 
 /// SHA-256 in hexadecimal.
 std::string digestText(const Bytes& der);

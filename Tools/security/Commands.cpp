@@ -11,12 +11,18 @@ namespace kf::security {
 namespace {
 
 constexpr std::array commandTable = {
-    Command{"add-trusted-cert", "dhk:r:", "[-d] [-r trustRoot] [-k keychain] certFile",
-        "Adds a root certificate (DER or PEM) to a keychain and trusts it for servers and e-mail.\n"
+    Command{"add-trusted-cert",
+        "dhk:p:r:", "[-d] [-r trustRoot | trustAsRoot | deny | unspecified] [-p basic] [-k keychain] certFile",
+        "Adds a certificate (DER or PEM) to a keychain with a trust setting for servers and e-mail;\n"
+        "where nothing else is said, trusts it as a root.\n"
         "  -d            for everybody on this computer: in the System keychain, the distribution's\n"
         "                trust store and the browsers' policies; needs administrator rights.\n"
         "                Keychain and trust store decide the exit status.\n"
-        "  -r trustRoot  the kind of trust; trustRoot is the default and the only one\n"
+        "  -r kind       trustRoot: a root certificate, trusted with all that it issues;\n"
+        "                trustAsRoot: another one, trusted by itself and for nothing that it issues;\n"
+        "                deny: never trusted, nor anything that it issues;\n"
+        "                unspecified: neither\n"
+        "  -p basic      the policy; basic is the default and the only one\n"
         "  -k keychain   the directory of a keychain that gets the certificate\n",
         addTrustedCert},
     Command{"remove-trusted-cert", "dh", "[-d] certFile",
@@ -32,6 +38,20 @@ constexpr std::array commandTable = {
         "the browsers' policies. With a certificate: where that one stands. Changes nothing.\n"
         "  --json        as JSON\n",
         trustStatus, "json"},
+    Command{"dump-trust-settings", "dhs", "[-d | -s] [--json]",
+        "Lists the certificates that have trust settings, the user's where no option says otherwise.\n"
+        "  -d      the administrator's, which count for everybody on this computer\n"
+        "  -s      the distribution's\n"
+        "  --json  as a JSON array\n",
+        dumpTrustSettings, "json"},
+    Command{"verify-cert", "c:hp:q", "[-c certFile] ... [-p basic] [-q] [--json] [certFile ...]",
+        "Tells whether the first certificate (DER or PEM) is trusted now. The others may help to\n"
+        "build its chain. Revocation is not checked.\n"
+        "  -c certFile  one of the certificates; those with -c come first\n"
+        "  -p basic     the policy; basic is the default and the only one\n"
+        "  -q           says nothing; the exit status tells\n"
+        "  --json       as a JSON object\n",
+        verifyCertificate, "json"},
     Command{"find-certificate", "ac:e:hpZ", "[-a] [-c name] [-e emailAddress] [-p] [-Z] [--json] [keychain ...]",
         "Shows the first certificate of the keychains (by default: the search list).\n"
         "  -a               all of them\n"
@@ -69,6 +89,23 @@ constexpr std::array commandTable = {
         "  --passphrase-file file    the pass phrase is the first line of this file\n"
         "  --passphrase-fd number    the same of this open descriptor\n",
         importFile, passphraseOptions},
+    Command{"export", "c:hk:o:P:t:Z:",
+        "[-t certs | identities] [-c name] [-Z digest] [-k keychain] [-o file] [--force] "
+        "[--passphrase-file file | --passphrase-fd number]",
+        "Exports certificates as PEM, or one identity as a PKCS#12 bundle with its chain, encrypted\n"
+        "with AES-256. The new pass phrase is asked for at the terminal where no option tells where\n"
+        "to read it.\n"
+        "  -t certs | identities     what is exported: certificates (the default), or a certificate\n"
+        "                            with its private key\n"
+        "  -c name                   only what has this common name, letter for letter\n"
+        "  -Z digest                 only what has this SHA-256 or SHA-1 digest\n"
+        "  -k keychain               from this keychain (by default: those of the search list)\n"
+        "  -o file                   where to (by default: standard output; a bundle needs a file).\n"
+        "                            Only its owner can read it.\n"
+        "  --force                   takes the place of a file that is there\n"
+        "  --passphrase-file file    the pass phrase is the first line of this file\n"
+        "  --passphrase-fd number    the same of this open descriptor\n",
+        exportItems, "force passphrase-file: passphrase-fd:"},
     Command{"list-keychains", "h", "[--json]",
         "Lists the keychains that are searched, in that order: the user's and the System keychain,\n"
         "each where it is there.\n"

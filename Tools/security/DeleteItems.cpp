@@ -11,37 +11,6 @@ namespace kf::security {
 
 namespace {
 
-std::string describe(const SecCertificateRef& certificate)
-{
-    return "\"" + printable(labelOf(certificate)) + "\", SHA-256 " + sha256Of(certificate);
-}
-
-const SecCertificateRef& certificateOf(const SecCertificateRef& certificate) { return certificate; }
-const SecCertificateRef& certificateOf(const SecIdentityRef& identity) { return identity->certificate(); }
-
-/// The one item found; nil, which has been told then, where there is none or
-/// more, or where a keychain that could not be read might hold another.
-template <class T>
-Ref<T> onlyOne(const std::string& command, const Found<T>& found)
-{
-    if (!found.isComplete)
-        return nullptr;
-    if (found.items.size() == 1)
-        return found.items.front();
-    if (found.items.empty()) {
-        complain(command, errSecItemNotFound);
-        return nullptr;
-    }
-    complain(command,
-        std::to_string(found.items.size())
-            + " items match, and none was deleted. Name one by its digest and keychain:");
-    for (const auto& item : found.items) {
-        const SecCertificateRef& certificate = certificateOf(item);
-        complain(certificate->keychain()->path(), describe(certificate));
-    }
-    return nullptr;
-}
-
 bool deleteItem(const SecKeychainItemRef& item, const std::string& what)
 {
     const std::string& path = item->keychain()->path();

@@ -1,3 +1,4 @@
+#include "security/CertificateFile.h"
 #include "security/Commands.h"
 #include "security/Search.h"
 #include "security/Text.h"

@@ -118,13 +118,12 @@ std::optional<SecretBytes> ask(const std::string& question, bool isNew)
     SecretBytes typed(longestTyped + 1);
     SecretBytes again(longestTyped + 1);
     char* const text = reinterpret_cast<char*>(typed.data());
-    const std::string repeated = "Once more: ";
     const ScopedUI interface(UI_new());
     if (!interface || UI_add_input_string(interface.get(), question.c_str(), 0, text, 0, longestTyped) <= 0)
         return std::nullopt;
     if (isNew
         && UI_add_verify_string(
-               interface.get(), repeated.c_str(), 0, reinterpret_cast<char*>(again.data()), 0, longestTyped, text)
+               interface.get(), question.c_str(), 0, reinterpret_cast<char*>(again.data()), 0, longestTyped, text)
             <= 0)
         return std::nullopt;
     if (UI_process(interface.get()) != 0)

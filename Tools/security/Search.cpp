@@ -48,6 +48,30 @@ bool walk(const SecKeychainRef& keychain, OSStatus begun, Next next, Take take)
     return false;
 }
 
+const SecCertificateRef& certificateOf(const SecCertificateRef& certificate) { return certificate; }
+const SecCertificateRef& certificateOf(const SecIdentityRef& identity) { return identity->certificate(); }
+
+template <class T>
+Ref<T> chooseOnlyOne(const std::string& command, const Found<T>& found)
+{
+    if (!found.isComplete)
+        return nullptr;
+    if (found.items.size() == 1)
+        return found.items.front();
+    if (found.items.empty()) {
+        complain(command, errSecItemNotFound);
+        return nullptr;
+    }
+    complain(command,
+        std::to_string(found.items.size())
+            + " items match, and nothing was done. Name one by its digest and keychain:");
+    for (const auto& item : found.items) {
+        const SecCertificateRef& certificate = certificateOf(item);
+        complain(certificate->keychain()->path(), describe(certificate));
+    }
+    return nullptr;
+}
+
 } // namespace
 
 bool Selection::matches(const SecCertificateRef& certificate) const
@@ -137,6 +161,21 @@ Found<SecIdentity> findIdentities(const std::vector<SecKeychainRef>& keychains, 
             });
     }
     return found;
+}
+
+SecCertificateRef onlyOne(const std::string& command, const Found<SecCertificate>& found)
+{
+    return chooseOnlyOne(command, found);
+}
+
+SecIdentityRef onlyOne(const std::string& command, const Found<SecIdentity>& found)
+{
+    return chooseOnlyOne(command, found);
+}
+
+std::string describe(const SecCertificateRef& certificate)
+{
+    return "\"" + printable(labelOf(certificate)) + "\", SHA-256 " + sha256Of(certificate);
 }
 
 std::span<const std::uint8_t> derOf(const SecCertificateRef& certificate)

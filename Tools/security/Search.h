@@ -39,6 +39,14 @@ Found<SecCertificate> findCertificates(
     const std::vector<SecKeychainRef>& keychains, const Selection& selection, bool firstOnly = false);
 Found<SecIdentity> findIdentities(const std::vector<SecKeychainRef>& keychains, const Selection& selection);
 
+/// The one item found; nil, which has been told then, where there is none or
+/// more, or where a keychain that could not be read might hold another.
+SecCertificateRef onlyOne(const std::string& command, const Found<SecCertificate>& found);
+SecIdentityRef onlyOne(const std::string& command, const Found<SecIdentity>& found);
+
+/// Label and digest, on one line.
+std::string describe(const SecCertificateRef& certificate);
+
 /// The DER, which lives as long as the certificate.
 std::span<const std::uint8_t> derOf(const SecCertificateRef& certificate);
 /// The label that a keychain shows for it; empty where it is gone.

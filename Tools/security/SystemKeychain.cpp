@@ -76,14 +76,27 @@ std::string SystemKeychain::noteAddition(const Bytes& certificate)
 
 Outcome SystemKeychain::add(const Bytes& certificate)
 {
-    const SecCertificateRef item = certificateFrom(certificate);
-    if (isTrustedAsRoot(item, kSecTrustSettingsDomainAdmin))
+    const Outcome outcome = set(certificate, kSecTrustSettingsResultTrustRoot);
+    switch (outcome.kind) {
+    case Outcome::Kind::unchanged:
         return unchanged("was trusted already");
+    case Outcome::Kind::done:
+        return done("trusted");
+    default:
+        return outcome;
+    }
+}
+
+Outcome SystemKeychain::set(const Bytes& certificate, SecTrustSettingsResult result)
+{
+    const SecCertificateRef item = certificateFrom(certificate);
+    if (hasSetting(item, kSecTrustSettingsDomainAdmin, result))
+        return unchanged("the setting was there already");
     if (const std::string error = noteAddition(certificate); !error.empty())
         return failed(error);
-    const OSStatus status = SecTrustSettingsSetTrustSettings(item, kSecTrustSettingsDomainAdmin, trustAsRoot());
+    const OSStatus status = SecTrustSettingsSetTrustSettings(item, kSecTrustSettingsDomainAdmin, settingFor(result));
     if (status == errSecSuccess)
-        return done("trusted");
+        return done("setting written");
     forgetAddition(certificate);
     return failed(statusText(status));
 }

@@ -8,7 +8,6 @@
 #include <ctime>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <openssl/pem.h>
 
 namespace kf::security {
 
@@ -81,14 +80,6 @@ std::string nameText(std::span<const std::uint8_t> name)
 }
 
 std::string serialText(const CertificateFields& fields) { return hexText(keychain::serialNumber(fields)); }
-
-std::string pemText(std::span<const std::uint8_t> der)
-{
-    const ScopedBIOChain memory(BIO_new(BIO_s_mem()));
-    if (!memory || PEM_write_bio(memory.get(), "CERTIFICATE", "", der.data(), static_cast<long>(der.size())) <= 0)
-        throw std::bad_alloc();
-    return textOf(memory.get());
-}
 
 void printJSON(const JSON& document)
 {

@@ -26,8 +26,6 @@ std::string dateText(std::int64_t secondsSince1970);
 std::string nameText(std::span<const std::uint8_t> name);
 /// The serial number in hexadecimal, as its INTEGER stores it.
 std::string serialText(const CertificateFields& fields);
-/// RFC 7468, with the line's end at its end.
-std::string pemText(std::span<const std::uint8_t> der);
 
 /// Prints a document to standard output. It is ASCII, so valid UTF-8 whatever
 /// the strings in it hold: what is no UTF-8 becomes U+FFFD, all else is kept, as escapes.

@@ -34,22 +34,30 @@ SecCertificateRef certificateFrom(const Bytes& der)
     return certificate;
 }
 
-Ref<NSDictionary> trustAsRoot()
+Ref<NSDictionary> trustAsRoot() { return settingFor(kSecTrustSettingsResultTrustRoot); }
+
+bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain)
+{
+    return hasSetting(certificate, domain, kSecTrustSettingsResultTrustRoot);
+}
+
+Ref<NSDictionary> settingFor(SecTrustSettingsResult result)
 {
     SecPolicySearchRef search;
     SecPolicyRef policy;
     SecPolicySearchCreate(CSSM_CERT_X_509v3, &CSSMOID_APPLE_X509_BASIC, nullptr, &search);
     SecPolicySearchCopyNext(search, &policy);
-    return NSDictionary::dictionaryWithObjectsAndKeys({{policy, kSecTrustSettingsPolicy}});
+    return NSDictionary::dictionaryWithObjectsAndKeys(
+        {{policy, kSecTrustSettingsPolicy}, {NSNumber::numberWithUnsignedInt(result), kSecTrustSettingsResult}});
 }
 
-bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain)
+bool hasSetting(const SecCertificateRef& certificate, SecTrustSettingsDomain domain, SecTrustSettingsResult result)
 {
     Ref<NSArray> settings;
     if (SecTrustSettingsCopyTrustSettings(certificate, domain, &settings) != errSecSuccess || countOf(settings) != 1)
         return false;
-    const auto result = settings->objectAs<NSDictionary>(0)->objectAs<NSNumber>(kSecTrustSettingsResult);
-    return result && result->unsignedIntValue() == kSecTrustSettingsResultTrustRoot;
+    const auto found = settings->objectAs<NSDictionary>(0)->objectAs<NSNumber>(kSecTrustSettingsResult);
+    return found && found->unsignedIntValue() == result;
 }
 
 bool report(const std::string& place, bool succeeded, const std::string& text)

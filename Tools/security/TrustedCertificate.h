@@ -28,6 +28,9 @@ SecCertificateRef certificateFrom(const Bytes& der);
 /// The setting that makes a certificate a trusted root for servers and e-mail.
 Ref<NSDictionary> trustAsRoot();
 bool isTrustedAsRoot(const SecCertificateRef& certificate, SecTrustSettingsDomain domain);
+/// The same for another result.
+Ref<NSDictionary> settingFor(SecTrustSettingsResult result);
+bool hasSetting(const SecCertificateRef& certificate, SecTrustSettingsDomain domain, SecTrustSettingsResult result);
 
 /// Tells what came of one place; returns `succeeded`.
 bool report(const std::string& place, bool succeeded, const std::string& text);
