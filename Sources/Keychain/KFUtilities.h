@@ -31,7 +31,8 @@ public:
     static Ref<NSArray> certificatesForAlias(const Ref<NSString>& alias);
 
     /// The path of the keychain that holds an item; nil for an item in no
-    /// keychain, or, logged, where the path cannot be read.
+    /// keychain and for a path that is no UTF-8, and, logged, where the
+    /// platform cannot tell it.
     static Ref<NSString> pathForKeychainItem(const SecKeychainItemRef& item);
 };
 

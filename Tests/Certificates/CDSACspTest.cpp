@@ -64,8 +64,37 @@ public:
             keyHierarchy, functionTable, numFunctionTable, reserved, moduleHandle);
     }
 
+    CSSM_RETURN createSignatureContext(CSSM_CSP_HANDLE cspHandle, CSSM_ALGORITHMS algorithm,
+        const CSSM_ACCESS_CREDENTIALS* credentials, const CSSM_KEY* key, CSSM_CC_HANDLE* contextHandle) override
+    {
+        EXPECT_EQ(credentials, nullptr);
+        keys.push_back(key);
+        return RecordingCssm::createSignatureContext(cspHandle, algorithm, credentials, key, contextHandle);
+    }
+    CSSM_RETURN digestData(
+        CSSM_CC_HANDLE contextHandle, const CSSM_DATA* dataBufs, std::uint32_t dataBufCount, CSSM_DATA* digest) override
+    {
+        EXPECT_EQ(dataBufCount, 1U);
+        return RecordingCssm::digestData(contextHandle, dataBufs, dataBufCount, digest);
+    }
+    CSSM_RETURN signData(CSSM_CC_HANDLE contextHandle, const CSSM_DATA* dataBufs, std::uint32_t dataBufCount,
+        CSSM_ALGORITHMS digestAlgorithm, CSSM_DATA* signature) override
+    {
+        EXPECT_EQ(dataBufCount, 1U);
+        EXPECT_EQ(digestAlgorithm, CSSM_ALGID_NONE);
+        return RecordingCssm::signData(contextHandle, dataBufs, dataBufCount, digestAlgorithm, signature);
+    }
+    CSSM_RETURN verifyData(CSSM_CC_HANDLE contextHandle, const CSSM_DATA* dataBufs, std::uint32_t dataBufCount,
+        CSSM_ALGORITHMS digestAlgorithm, const CSSM_DATA* signature) override
+    {
+        EXPECT_EQ(dataBufCount, 1U);
+        EXPECT_EQ(digestAlgorithm, CSSM_ALGID_NONE);
+        return RecordingCssm::verifyData(contextHandle, dataBufs, dataBufCount, digestAlgorithm, signature);
+    }
+
     Init initArguments{};
     CSSM_GUID loaded{};
+    std::vector<const CSSM_KEY*> keys;
     Attach attachArguments{};
 };
 
@@ -293,6 +322,7 @@ TEST_F(CDSACspSignatureTest, VerifiesWhatItSigned)
         cssm.takeCalls(), ElementsAre("CSSM_CSP_CreateSignatureContext", "CSSM_VerifyData", "CSSM_DeleteContext"));
     const CSSM_DATA other = dataOf("what is not");
     EXPECT_EQ(cdsaVerify(handle, &publicKey, algorithm, &other, &signature), CSSMERR_CSP_VERIFY_FAILED);
+    EXPECT_THAT(cssm.keys, ElementsAre(&privateKey, &publicKey, &publicKey));
     EXPECT_THAT(
         cssm.takeCalls(), ElementsAre("CSSM_CSP_CreateSignatureContext", "CSSM_VerifyData", "CSSM_DeleteContext"));
     appFree(signature.Data, nullptr);

@@ -4,6 +4,7 @@
 #include "Foundation/NSDate.h"
 #include "Tests/Certificates/CertificateMaker.h"
 #include "Tests/Certificates/FieldModule.h"
+#include "Tests/Certificates/VectorFile.h"
 #include "Tests/Support/RecordingCssm.h"
 
 #include <gmock/gmock.h>
@@ -167,9 +168,22 @@ TEST(X509Certificate, DecodesEachStringType)
         (Texts{{"CommonName", std::string("\0\0\0A", 4)}, {"Title", "Dr"}}));
 }
 
+TEST(X509Certificate, DropsValuesOfOtherTypes)
+{
+    // NumericString, IA5String, VisibleString, GeneralString, INTEGER and OCTET STRING beside a PrintableString.
+    EXPECT_EQ(textsOf(subjectOf(CertificateMaker().certtool("dn = \"cn=#1203313233,o=#1603416461,ou=#1a03416461,"
+                                                            "l=#1b03416461,title=#020101,st=#0403416461,"
+                                                            "surname=#1303416461\"\n"))),
+        (std::map<std::string, std::string>{{"Surname", "Ada"}}));
+}
+
 TEST(X509Certificate, ReadsAnEmailAddressOfATextType)
 {
     EXPECT_EQ(textsOf(subjectOf(CertificateMaker().certtool("dn = \"email=#0c056140622e63\"\n"))),
+        (std::map<std::string, std::string>{{"EmailAddress", "a@b.c"}}));
+    // Several: the last one that is text. certtool writes them in the opposite order, as RFC 4514 has it.
+    EXPECT_EQ(textsOf(subjectOf(
+                  CertificateMaker().certtool("dn = \"email=#1603634064,email=#0c056140622e63,email=#0c03634064\"\n"))),
         (std::map<std::string, std::string>{{"EmailAddress", "a@b.c"}}));
 }
 
@@ -211,6 +225,9 @@ TEST(X509Certificate, AnEmptySubjectIsAnEmptyDictionary)
     const auto subject = subjectOf(CertificateMaker().openssl("/"));
     ASSERT_TRUE(subject);
     EXPECT_EQ(subject->count(), 0U);
+    const auto bare = subjectOf(CertificateMaker().certtool("expiration_days = 10\n"));
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(bare->count(), 0U);
 }
 
 TEST(X509Certificate, GivesSerialNumbersAsTheyAreEncoded)
@@ -225,6 +242,9 @@ TEST(X509Certificate, GivesSerialNumbersAsTheyAreEncoded)
     Bytes twenty(20, 0x11);
     twenty[0] = 0x7F;
     EXPECT_EQ(serial("0x7f" + std::string(38, '1')), twenty);
+    EXPECT_EQ(
+        bytesOf(dictionaryOf(maker.certtool("cn = Ada\nserial = 0x7f" + std::string(38, '1') + "\n")), "SerialNumber"),
+        twenty);
 }
 
 TEST(X509Certificate, ATimeThatCannotBeMeantLeavesOnlyItsKeyOut)
@@ -248,6 +268,11 @@ TEST(X509Certificate, ReadsTimesAtTheEdgesOfTheirForms)
     EXPECT_EQ(secondsOf(dictionary, "NotValidAfter"), 2524607999);
     options.notAfter = "20500101000000Z";
     dictionary = dictionaryOf(authority.issue(options).leaf);
+    EXPECT_EQ(secondsOf(dictionary, "NotValidAfter"), 2524608000);
+    // As certtool writes them.
+    dictionary = dictionaryOf(CertificateMaker().certtool("cn = Ada\nactivation_date = \"1970-01-01 00:00:00 UTC\"\n"
+                                                          "expiration_date = \"2050-01-01 00:00:00 UTC\"\n"));
+    EXPECT_EQ(dictionary->objectAs<NSDate>("NotValidBefore"_ns)->timeIntervalSince1970(), 0);
     EXPECT_EQ(secondsOf(dictionary, "NotValidAfter"), 2524608000);
 }
 
@@ -506,6 +531,22 @@ TEST_F(OddFieldsTest, OnlyFiveStringTypesAreText)
         module.fields = {fieldOf(CSSMOID_X509V1SubjectNameCStruct, name)};
         const bool isText = tag == 12 || tag == 19 || tag == 20 || tag == 28 || tag == 30;
         EXPECT_EQ(extract()->objectAs<NSDictionary>("Subject"_ns)->count(), isText ? 1U : 0U) << tag;
+    }
+}
+
+TEST_F(OddFieldsTest, StringsAreReadByTheirType)
+{
+    const auto rows = readVectors("strings.txt", 3);
+    ASSERT_GT(rows.size(), 30U);
+    for (const auto& row : rows) {
+        std::string bytes = row[1];
+        pair.valueType = static_cast<CSSM_BER_TAG>(std::stoi(row[0]));
+        pair.value = dataOf(bytes);
+        module.fields = {fieldOf(CSSMOID_X509V1SubjectNameCStruct, name)};
+        const auto texts = textsOf(extract()->objectAs<NSDictionary>("Subject"_ns));
+        using Texts = std::map<std::string, std::string>;
+        EXPECT_EQ(texts, row[2] == "none" ? Texts() : (Texts{{"CommonName", row[2]}}))
+            << row[0] << ' ' << testing::PrintToString(row[1]);
     }
 }
 

@@ -115,8 +115,7 @@ TEST_F(AttributeTools, ReadNothingFromNilOrFromADeletedItem)
     EXPECT_THAT(lines_, ElementsAre(lineOf("Got error ", errSecInvalidItemRef)));
     lines_.clear();
     EXPECT_FALSE(KeychainTools::readAttribute(kSecLabelItemAttr, nullptr));
-    ASSERT_EQ(lines_.size(), 1U);
-    EXPECT_THAT(lines_[0], testing::StartsWith("Got error "));
+    EXPECT_THAT(lines_, ElementsAre(lineOf("Got error ", errSecInvalidItemRef)));
 }
 
 TEST_F(AttributeTools, AskForTheAttributeAloneAndFreeTheList)
@@ -205,8 +204,10 @@ TEST_F(AttributeTools, TellNoNameWhereTheLabelCannotBeRead)
 {
     ASSERT_EQ(SecKeychainItemDelete(item_), errSecSuccess);
     EXPECT_FALSE(KeychainTools::getReadableNameFromCertificate(item_));
-    EXPECT_THAT(lines_, ElementsAre(lineOf("SecKeychainItemCopyAttributesAndData failed: ", errSecInvalidItemRef)));
     EXPECT_FALSE(KeychainTools::getReadableNameFromCertificate(nullptr));
+    EXPECT_THAT(lines_,
+        ElementsAre(lineOf("SecKeychainItemCopyAttributesAndData failed: ", errSecInvalidItemRef),
+            lineOf("SecKeychainItemCopyAttributesAndData failed: ", errSecInvalidItemRef)));
 }
 
 /// The readable name of a certificate with some label.

@@ -92,12 +92,9 @@ TEST_F(Digests, AreNilWhereTheServiceCannotBeAttached)
     platformCalls().moduleLoad = [](const CSSM_GUID*) { return CSSMERR_CSSM_ADDIN_LOAD_FAILED; };
     testing::internal::CaptureStderr();
     EXPECT_FALSE(KFUtilities::sha1DigestForData(dataOf({'a'})));
-    const std::string printed = testing::internal::GetCapturedStderr();
-    testing::internal::CaptureStderr();
-    cssmPerror("cdsaCspAttach", CSSMERR_CSSM_ADDIN_LOAD_FAILED);
-    EXPECT_EQ(printed, testing::internal::GetCapturedStderr());
-    EXPECT_THAT(printed, testing::StartsWith("cdsaCspAttach: "));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "cdsaCspAttach: The security module could not be loaded.\n");
     EXPECT_EQ(detaches, 0);
+    EXPECT_THAT(lines_, IsEmpty());
     platformCalls() = {};
     EXPECT_TRUE(KFUtilities::sha1DigestForData(dataOf({'a'})));
 }
@@ -109,8 +106,10 @@ TEST_F(Digests, AreNilWhereTheServiceFailsAndDetachIt)
     platformCalls().digestData = [](CSSM_CC_HANDLE) { return CSSMERR_CSSM_MEMORY_ERROR; };
     testing::internal::CaptureStderr();
     EXPECT_FALSE(KFUtilities::sha1DigestForData(dataOf({'a'})));
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::StartsWith("cdsaDigest: "));
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(), "cdsaDigest: The security services manager has no memory left.\n");
     EXPECT_EQ(detaches, 1);
+    EXPECT_THAT(lines_, IsEmpty());
 }
 
 class CertificatesForAlias : public KeychainTest {
@@ -164,6 +163,10 @@ TEST_F(CertificatesForAlias, SearchEachKeychainByItselfByTheAliasAlone)
         EXPECT_EQ(itemClass, kSecCertificateItemClass);
         EXPECT_EQ(attributes->count, 1U);
         EXPECT_EQ(attributes->attr[0].tag, kSecAliasItemAttr);
+        // Behind what the count takes in stands the certificate's type.
+        EXPECT_EQ(attributes->attr[1].tag, kSecCertificateType);
+        EXPECT_EQ(attributes->attr[1].length, 4U);
+        EXPECT_EQ(*static_cast<const std::uint32_t*>(attributes->attr[1].data), CSSM_CERT_X_509v3);
         return OSStatus{errSecParam};
     };
     EXPECT_EQ(countOf(find()), 0U);
@@ -260,6 +263,31 @@ TEST_F(PathForKeychainItem, IsAskedForWithOneByteAndThenWithRoom)
     };
     EXPECT_EQ(toUTF8(KFUtilities::pathForKeychainItem(item_)), "/sho");
     EXPECT_THAT(rooms, ElementsAre(1U, 12U));
+}
+
+TEST_F(PathForKeychainItem, IsAskedForAgainAlsoWhereOneByteIsEnough)
+{
+    std::vector<std::uint32_t> rooms;
+    platformCalls().keychainPath = [&](const auto&, std::uint32_t* length, char* path) {
+        rooms.push_back(*length);
+        path[0] = '/';
+        *length = 1;
+        return OSStatus{errSecSuccess};
+    };
+    EXPECT_EQ(toUTF8(KFUtilities::pathForKeychainItem(item_)), "/");
+    EXPECT_THAT(rooms, ElementsAre(1U, 3U));
+}
+
+TEST_F(PathForKeychainItem, IsNilInSilenceWhereItIsNoText)
+{
+    platformCalls().keychainPath = [](const auto&, std::uint32_t* length, char* path) {
+        if (*length > 1)
+            path[0] = '\xFF';
+        *length = 1;
+        return OSStatus{errSecSuccess};
+    };
+    EXPECT_FALSE(KFUtilities::pathForKeychainItem(item_));
+    EXPECT_THAT(lines_, IsEmpty()) << "the platform has not failed";
 }
 
 TEST_F(PathForKeychainItem, IsNilAndLoggedWhereItCannotBeRead)
@@ -369,6 +397,19 @@ TEST(DomainPathSort, GivesMinusOneBothWaysForTwoOtherDomains)
 {
     EXPECT_EQ(sorted("/Users/a"_ns, "/home/a"_ns), -1);
     EXPECT_EQ(sorted("/home/a"_ns, "/Users/a"_ns), -1);
+}
+
+TEST(DomainPathSort, SortsASearchList)
+{
+    std::vector<Ref<NSString>> paths = {"/home/ada/.pki/Nssdb"_ns, "/Library/Keychains/System.keychain"_ns,
+        "/home/ada/.local/share/pki/nssdb"_ns, "/System/Library/Keychains/a.keychain"_ns};
+    std::ranges::sort(paths, [](const auto& path, const auto& other) { return sorted(path, other) < 0; });
+    std::vector<std::string> texts;
+    for (const auto& path : paths)
+        texts.push_back(toUTF8(path));
+    EXPECT_THAT(texts,
+        ElementsAre("/System/Library/Keychains/a.keychain", "/Library/Keychains/System.keychain",
+            "/home/ada/.local/share/pki/nssdb", "/home/ada/.pki/Nssdb"));
 }
 
 TEST(DomainPathSort, OrdersPathsOfOnePlaceWithoutRegardToCase)
