@@ -120,7 +120,7 @@ int handle(sd_bus_message* message, void* context, sd_bus_error*)
 
 bool registerAgent(sd_bus* bus, Agent& agent)
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     const auto process = static_cast<std::uint32_t>(agent.process);
     const bool isDone = sd_bus_add_object(bus, nullptr, objectPath, handle, &agent) >= 0
         && sd_bus_call_method(bus, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
