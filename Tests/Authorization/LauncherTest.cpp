@@ -121,7 +121,7 @@ TEST_F(LauncherProcess, GivesTheToolAnEnvironmentOfItsOwn)
     EXPECT_THAT(variables, ElementsAre("HOME=/root", "LC_ALL=C.UTF-8", "PATH=/usr/sbin:/usr/bin:/sbin:/bin"));
 }
 
-TEST_F(LauncherProcess, LeavesTheCallersDirectoryMaskLimitsTimersAndSignals)
+TEST_F(LauncherProcess, LeavesTheCallersDirectoryMaskLimitsAndSignals)
 {
     script("tool", "{ pwd; umask; ulimit -f; grep -E '^Sig(Blk|Ign)' /proc/self/status; } > " + path("state"));
     // In a process of its own: what it does to itself must not reach the other tests.
