@@ -2,6 +2,7 @@
 
 #include "AppKit/Text.h"
 #include "KFWizard/KFWizardPane.h"
+#include "KFWizard/PageArea.h"
 #include "Security/Authorization/OpenRequest.h"
 
 #include <QCloseEvent>
@@ -9,6 +10,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QScreen>
 #include <QStackedWidget>
 #include <QVBoxLayout>
 
@@ -19,6 +21,9 @@ namespace kf {
 namespace {
 
 constexpr int margin = 24;
+constexpr QSize smallestSize(640, 520);
+constexpr int widthInLetters = 84;
+constexpr int heightInLines = 30;
 
 QLabel* textLabel(const char* name)
 {
@@ -46,11 +51,11 @@ WizardWindow::WizardWindow(QWidget* parent) : QDialog(parent)
     setWindowTitle(QStringLiteral("Keyfold"));
     setWindowFlag(Qt::WindowMinimizeButtonHint);
     setWindowFlag(Qt::WindowContextHelpButtonHint, false);
-    resize(640, 480);
+    fitToFont();
 
     stack_ = new QStackedWidget;
     auto* body = new QVBoxLayout;
-    body->setContentsMargins(margin, margin, margin, margin);
+    body->setContentsMargins(0, margin, 0, margin);
     body->addWidget(stack_);
 
     auto* layout = new QVBoxLayout(this);
@@ -61,6 +66,22 @@ WizardWindow::WizardWindow(QWidget* parent) : QDialog(parent)
     layout->addLayout(body, 1);
     layout->addWidget(rule());
     layout->addLayout(makeFooter());
+}
+
+// Room for the same text whatever the font, as far as the screen has it.
+void WizardWindow::fitToFont()
+{
+    const QSize wanted(fontMetrics().averageCharWidth() * widthInLetters, fontMetrics().lineSpacing() * heightInLines);
+    resize(wanted.expandedTo(smallestSize).boundedTo(screen()->availableSize()));
+}
+
+void WizardWindow::growForPage()
+{
+    const auto* area = qobject_cast<PageArea*>(stack_->currentWidget());
+    if (!area || isMaximized() || isFullScreen())
+        return;
+    const int most = std::max(height(), screen()->availableSize().height());
+    resize(width(), std::min(height() + area->missingHeight(), most));
 }
 
 WizardWindow::~WizardWindow()
@@ -216,10 +237,7 @@ void WizardWindow::enter(KFWizardPane* pane, NSInteger direction)
         current_->didExitPane(direction);
     current_ = pane;
     pane->setHost(this);
-    if (stack_->indexOf(pane->contentView()) < 0)
-        stack_->addWidget(pane->contentView());
-    stack_->setCurrentWidget(pane->contentView());
-    titleLabel_->setText(toQString(pane->title()));
+    showPage(pane->contentView(), toQString(pane->title()));
     messageField_->clear();
     helpButton_->setVisible(pane->showsHelp());
     nextEnabled_ = previousEnabled_ = true;
@@ -229,6 +247,23 @@ void WizardWindow::enter(KFWizardPane* pane, NSInteger direction)
     updateButtons();
     if (std::exchange(closeRequested_, false))
         close();
+}
+
+void WizardWindow::showPage(QWidget* page, const QString& title)
+{
+    titleLabel_->setText(title);
+    for (int index = 0; index < stack_->count(); ++index) {
+        if (qobject_cast<PageArea*>(stack_->widget(index))->widget() == page) {
+            stack_->setCurrentIndex(index);
+            return;
+        }
+    }
+    auto* area = new PageArea(page, margin);
+    area->setAccessibleName(title);
+    // Queued: a page that is being laid out is not the moment to resize the window around it.
+    connect(area, &PageArea::needsHeight, this, &WizardWindow::growForPage, Qt::QueuedConnection);
+    stack_->addWidget(area);
+    stack_->setCurrentWidget(area);
 }
 
 void WizardWindow::updateButtons()

@@ -49,12 +49,15 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    void fitToFont();
+    void growForPage();
     QLayout* makeHeader();
     QLayout* makeFooter();
     std::vector<KFWizardPane*> panes() const;
     KFWizardPane* nextPane() const;
     KFWizardPane* previousPane() const;
     void enter(KFWizardPane* pane, NSInteger direction);
+    void showPage(QWidget* page, const QString& title);
     void updateButtons();
 
     FieldStore fields_;

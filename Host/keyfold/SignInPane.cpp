@@ -155,12 +155,12 @@ QFrame* SignInPane::makeCard()
     certificateWarnings_->setAccessibleDescription(tr("Warning"));
 
     auto* sign = new QLabel;
-    const int size = sign->style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, sign);
+    const int size = sign->fontMetrics().height();
     sign->setPixmap(sign->style()->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(size));
     sign->setAccessibleName(tr("Warning"));
     warningRow_ = new QWidget;
     auto* warning = new QHBoxLayout(warningRow_);
-    warning->setContentsMargins(0, 6, 0, 0);
+    warning->setContentsMargins(0, 8, 0, 0);
     warning->addWidget(sign, 0, Qt::AlignTop);
     warning->addWidget(certificateWarnings_, 1);
 
@@ -258,7 +258,7 @@ void SignInPane::showCheck()
     } else {
         certificateName_->setText(QString::fromStdString(check_->certificate.name));
         certificateDetails_->setText(describeCertificate(check_->certificate));
-        certificateWarnings_->setText(check_->warnings.join(u'\n'));
+        certificateWarnings_->setText(check_->warnings.join(QStringLiteral("\n\n")));
         warningRow_->setVisible(!check_->warnings.isEmpty());
         card_->setVisible(true);
         QAccessibleEvent alert(card_, QAccessible::Alert);

@@ -58,6 +58,8 @@ void AlertBox::shapeTexts()
         font.setBold(true);
         message->setFont(font);
     }
+    if (auto* icon = findChild<QLabel*>(QStringLiteral("qt_msgboxex_icon_label")))
+        icon->setAccessibleName(tr("Warning"));
     auto* informative = findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel"));
     if (!informative)
         return;

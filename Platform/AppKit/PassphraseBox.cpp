@@ -13,7 +13,7 @@ namespace kf {
 
 namespace {
 
-constexpr int widthInLetters = 52;
+constexpr int widthInLetters = 64;
 
 } // namespace
 
@@ -21,7 +21,6 @@ PassphraseBox::PassphraseBox(const PassphraseQuestion& question, QWidget* parent
 {
     setObjectName(QStringLiteral("passphraseBox"));
     setWindowTitle(tr("Unlock the Keychain"));
-    setMinimumWidth(fontMetrics().averageCharWidth() * widthInLetters);
     field_ = new QLineEdit;
     field_->setObjectName(QStringLiteral("passphraseField"));
     field_->setEchoMode(QLineEdit::Password);
@@ -69,6 +68,10 @@ PassphraseBox::PassphraseBox(const PassphraseQuestion& question, QWidget* parent
     }
     layout->addLayout(entry);
     layout->addWidget(buttons);
+    // By itself the box would take wrapped texts for narrower and taller than they are.
+    const int wanted = fontMetrics().averageCharWidth() * widthInLetters;
+    setMinimumWidth(wanted);
+    resize(wanted, layout->totalHeightForWidth(wanted));
     field_->setFocus();
 }
 

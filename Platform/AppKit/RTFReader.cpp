@@ -5,6 +5,7 @@
 #include <QGuiApplication>
 #include <QPalette>
 #include <QStringDecoder>
+#include <QTextBlock>
 #include <QTextBlockFormat>
 #include <QTextBrowser>
 #include <QTextCharFormat>
@@ -606,6 +607,12 @@ void Reader::applyParagraph()
         list_->add(cursor_.block());
     else
         list_ = cursor_.createList(format);
+    // A bullet is as large as the text beside it, whatever stood before.
+    QTextCharFormat bullet;
+    if (const auto first = cursor_.block().begin(); !first.atEnd())
+        bullet.setFontPointSize(first.fragment().charFormat().fontPointSize());
+    if (bullet.fontPointSize() > 0)
+        cursor_.setBlockCharFormat(bullet);
     // The list draws bullet and indent itself; the file's own would double them.
     QTextBlockFormat block = cursor_.blockFormat();
     block.setLeftMargin(0);

@@ -126,6 +126,18 @@ TEST(RTFReader, MakesListsOfBulletsAndNumbers)
     EXPECT_EQ(document.lastBlock().textList(), nullptr);
 }
 
+TEST(RTFReader, ABulletIsAsLargeAsItsText)
+{
+    QTextDocument document;
+    ASSERT_TRUE(read(
+        "{\\rtf1\\fs50\\b heading\\b0\\par\\fs20 {\\pntext\\bullet}\\b item\\par{\\pntext\\bullet}next}", document));
+    for (QTextBlock block = document.begin().next(); block.isValid(); block = block.next()) {
+        EXPECT_NE(block.textList(), nullptr);
+        EXPECT_EQ(block.charFormat().fontPointSize(), 10.0);
+        EXPECT_NE(block.charFormat().fontWeight(), QFont::Bold);
+    }
+}
+
 TEST(RTFReader, MakesLinksOfWebAndMailAddressesOnly)
 {
     QTextDocument document;

@@ -59,7 +59,7 @@ private:
 /// Ends the application's event loop with status 99 where a test does not.
 class Deadline {
 public:
-    explicit Deadline(int milliseconds = 20000)
+    explicit Deadline(int milliseconds = 60000)
     {
         QObject::connect(&timer_, &QTimer::timeout, [] { QCoreApplication::exit(99); });
         timer_.start(milliseconds);

@@ -67,7 +67,7 @@ protected:
     /// Waits until the page shows the widget of that name.
     void waitFor(const char* name)
     {
-        EXPECT_TRUE(QTest::qWaitFor([&] { return isShown(name); }, 20000)) << name << " never came";
+        EXPECT_TRUE(QTest::qWaitFor([&] { return isShown(name); }, 60000)) << name << " never came";
     }
     /// Fills the page in with a bundle that can be installed, and waits for its certificate.
     void signIn(const std::string& login, const std::string& file, const std::string& passphrase)

@@ -87,6 +87,42 @@ TEST_F(Walk, AFailedInstallationEndsTheWizardOnThePage)
     EXPECT_FALSE(window_->isVisible());
 }
 
+TEST_F(Walk, QuittingWhileThePageWorksFinishesTheRun)
+{
+    open();
+    signIn(bundle());
+    bool working = false;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        if (working || !isShown("progressIndicator"))
+            return;
+        working = true;
+        QCoreApplication::quit();
+    });
+    watch.start(1);
+    QTimer::singleShot(0, [this] { press("nextButton"); });
+    const kf::test::Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_TRUE(working);
+    EXPECT_EQ(state("personalStatus"), 1);
+    kf::keychain::closeAll();
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Walk, QuittingOnTheLastPageIsClean)
+{
+    open();
+    signIn(bundle());
+    press("nextButton");
+    QTimer::singleShot(0, [this] {
+        press("nextButton");
+        QCoreApplication::quit();
+    });
+    const kf::test::Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_EQ(label("titleLabel"), "What Was Installed");
+}
+
 class WalkWithOldCertificate : public Walk {
 protected:
     WalkWithOldCertificate()

@@ -4,7 +4,11 @@
 #include "Tests/Wizard/Support.h"
 
 #include <QPushButton>
+#include <QScreen>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QThread>
+#include <QVBoxLayout>
 
 namespace {
 
@@ -16,8 +20,9 @@ public:
     explicit Page(std::string name) : name_(std::move(name))
     {
         auto* view = new QWidget;
-        field = new QLabel(view);
-        other = new QLabel(view);
+        auto* layout = new QVBoxLayout(view);
+        layout->addWidget(field = new QLabel);
+        layout->addWidget(other = new QLabel);
         setContentView(view);
     }
     Ref<NSString> title() const override { return NSString::stringWithUTF8String(name_); }
@@ -248,6 +253,29 @@ TEST_F(Wizard, ButtonsDoNothingWhileAPageIsBeingEntered)
     press("nextButton");
     EXPECT_EQ(window_.currentPane(), &page(1));
     EXPECT_EQ(page(1).events, std::vector<std::string>{"enter 1"});
+}
+
+TEST_F(Wizard, GrowsForAPageThatNeedsMoreRoom)
+{
+    const int before = window_.height();
+    page(0).field->setWordWrap(true);
+    page(0).field->setText(QStringLiteral("A long text. ").repeated(200));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return window_.height() > before; }));
+    auto* area = window_.findChild<QScrollArea*>(QStringLiteral("pageArea"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return area->verticalScrollBar()->maximum() == 0; }));
+    EXPECT_EQ(area->focusPolicy(), Qt::NoFocus);
+}
+
+TEST_F(Wizard, APageHigherThanTheScreenIsScrolledByKeyboard)
+{
+    page(0).field->setWordWrap(true);
+    page(0).field->setText(QStringLiteral("A long text. ").repeated(3000));
+    auto* area = window_.findChild<QScrollArea*>(QStringLiteral("pageArea"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return area->verticalScrollBar()->maximum() > 0; }));
+    EXPECT_LE(window_.height(), window_.screen()->availableSize().height());
+    EXPECT_EQ(area->focusPolicy(), Qt::StrongFocus);
+    QTest::keyClick(area, Qt::Key_PageDown);
+    EXPECT_GT(area->verticalScrollBar()->value(), 0);
 }
 
 TEST_F(Wizard, EscapeDoesNotCloseIt)

@@ -1,0 +1,272 @@
+// What a screen reader and the keyboard find on each page.
+
+#include "AppKit/PassphraseBox.h"
+#include "Tests/Wizard/WalkFixture.h"
+
+#include <gmock/gmock.h>
+
+#include <QAccessible>
+#include <QTextBrowser>
+
+namespace {
+
+using namespace kf::test;
+using testing::AllOf;
+using testing::HasSubstr;
+
+const char* roleName(QAccessible::Role role)
+{
+    switch (role) {
+    case QAccessible::Button:
+        return "button";
+    case QAccessible::CheckBox:
+        return "toggle";
+    case QAccessible::EditableText:
+        return "field";
+    case QAccessible::StaticText:
+        return "text";
+    case QAccessible::Graphic:
+        return "graphic";
+    case QAccessible::ProgressBar:
+        return "progress";
+    case QAccessible::Dialog:
+        return "dialog";
+    case QAccessible::AlertMessage:
+        return "alert";
+    default:
+        return nullptr;
+    }
+}
+
+std::string describe(QAccessibleInterface* object, const char* role)
+{
+    const QAccessible::State state = object->state();
+    std::string text = role;
+    text += " \"" + object->text(QAccessible::Name).toStdString() + "\"";
+    const std::string description = object->text(QAccessible::Description).toStdString();
+    if (!description.empty())
+        text += " (" + description + ")";
+    if (state.disabled)
+        text += " disabled";
+    if (state.passwordEdit)
+        text += " password";
+    if (state.defaultButton)
+        text += " default";
+    return text;
+}
+
+void walk(QAccessibleInterface* object, std::vector<std::string>& found)
+{
+    if (!object || !object->isValid() || object->state().invisible)
+        return;
+    const char* role = roleName(object->role());
+    // An empty line of text is nothing to say.
+    if (role && (object->role() != QAccessible::StaticText || !object->text(QAccessible::Name).isEmpty()))
+        found.push_back(describe(object, role));
+    for (int i = 0; i < object->childCount(); ++i)
+        walk(object->child(i), found);
+}
+
+/// Everything that is shown of a window, a line each, in the order in which it is read.
+std::string tree(QWidget* window)
+{
+    std::vector<std::string> found;
+    walk(QAccessible::queryAccessibleInterface(window), found);
+    std::string text;
+    for (const std::string& line : found)
+        text += line + "\n";
+    return text;
+}
+
+class Accessibility : public Walk {
+protected:
+    /// The object names on which the focus stops, from `first` on, until it comes back.
+    std::string stops(const char* first)
+    {
+        QWidget* start = find(window_.get(), first);
+        start->setFocus();
+        std::string names;
+        int count = 0;
+        QWidget* at = start;
+        do {
+            names += at->objectName().toStdString() + " ";
+            QTest::keyClick(at, Qt::Key_Tab);
+            at = window_->focusWidget();
+        } while (at && at != start && ++count < 20);
+        return names;
+    }
+};
+
+const char* const signInFields = R"(dialog "Keyfold"
+text "Sign In"
+text "Enter your login name and choose the certificate file that you downloaded, or drop it here, with the pass phrase that protects it."
+text "Login name"
+field "Login name"
+text "Certificate file"
+field "Certificate file" (A .p12 or .pfx file)
+button "Choose…" (Certificate file)
+text "Pass phrase"
+field "Pass phrase" password
+toggle "Show" (Pass phrase)
+)";
+
+TEST_F(Accessibility, OfTheSignInPage)
+{
+    open();
+    EXPECT_EQ(tree(window_.get()), signInFields + std::string(R"(button "Previous" disabled
+button "Next" disabled default
+)"));
+    type("loginField", "grace");
+    EXPECT_EQ(stops("loginField"), "loginField fileField chooseButton passphraseField showButton ");
+}
+
+TEST_F(Accessibility, OfARefusedFile)
+{
+    open();
+    fillIn("ada", bundle().file.string(), "wrong");
+    press("nextButton");
+    waitFor("passphraseMessage");
+    EXPECT_EQ(tree(window_.get()),
+        signInFields
+            + std::string(
+                R"(text "This pass phrase does not open the file. Mind capital letters and the keyboard’s layout." (Pass phrase)
+button "Previous" disabled
+button "Next" default
+)"));
+}
+
+TEST_F(Accessibility, OfTheCertificateInTheFile)
+{
+    open();
+    signIn("grace", bundle().file.string(), bundle().passphrase);
+    EXPECT_EQ(tree(window_.get()), signInFields + std::string(R"(text "Ada Example"
+text "For ada@orvane.example
+Issued by Orvane Certification Authority 2
+Valid from 1 January 2020 until 1 January 2049"
+graphic "Warning"
+text "The certificate is issued for ada@orvane.example, not for grace@orvane.example. Is it yours?" (Warning)
+button "Previous" disabled
+button "Next" default
+)"));
+}
+
+TEST_F(Accessibility, OfTheInstallerPageAtWork)
+{
+    open();
+    signIn(bundle());
+    std::string seen;
+    auto* pane = window_->currentPane();
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, [&] {
+        if (seen.empty() && window_->currentPane() != pane && isShown("progressIndicator"))
+            seen = tree(window_.get());
+    });
+    look.start(1);
+    press("nextButton");
+    EXPECT_THAT(seen, HasSubstr("graphic \"Personal certificate\" (working)"));
+    EXPECT_THAT(seen, HasSubstr("progress \"Progress\""));
+    EXPECT_THAT(seen, HasSubstr("button \"Next\" disabled default"));
+}
+
+TEST_F(Accessibility, OfTheInstallerPageAndOfTheEnd)
+{
+    open();
+    signIn(bundle());
+    press("nextButton");
+    EXPECT_EQ(tree(window_.get()), R"(dialog "Keyfold"
+text "Install Your Certificates"
+text "Two things are put onto this computer: the certificate authority of Orvane Collegium, and the personal certificate with which you sign in and sign your mail."
+graphic "Certificate authority" (succeeded)
+text "Certificate authority"
+text "Certificate authority is valid" (Certificate authority)
+graphic "Personal certificate" (succeeded)
+text "Personal certificate"
+text "Personal certificate has been successfully installed" (Personal certificate)
+text "Your certificates were successfully installed" (Summary)
+button "Help"
+button "Previous" disabled
+button "Next" default
+)");
+    EXPECT_EQ(stops("helpButton"), "helpButton nextButton ");
+    press("helpButton");
+    EXPECT_EQ(tree(find(window_.get(), "helpWindow")), "dialog \"Help\"\ntext \"Help\"\n");
+    press("nextButton");
+    const std::string end = tree(window_.get());
+    for (const char* part : {"text \"Your personal certificate\"\n", "(Your personal certificate)\n",
+             "(The certificate authority)\n", "(Programs that use them)\n", "(What is left to do)\n",
+             "button \"Previous\" disabled\nbutton \"Close\" default\n"})
+        EXPECT_THAT(end, HasSubstr(part));
+}
+
+TEST_F(Accessibility, OfAFailedInstallation)
+{
+    open();
+    signIn(bundle());
+    std::filesystem::create_directories(home_.olderKeychain());
+    writeFile(home_.olderKeychain() / "cert9.db", std::string_view());
+    press("nextButton");
+    EXPECT_THAT(tree(window_.get()),
+        AllOf(HasSubstr("graphic \"Certificate authority\" (failed)"),
+            HasSubstr("graphic \"Personal certificate\" (failed)")));
+}
+
+TEST_F(Accessibility, OfTheQuestionAboutOldCertificates)
+{
+    open();
+    signIn(bundle());
+    press("nextButton");
+    static const Bundle next = institution().issue({.commonName = "Ada Newly"});
+    open();
+    signIn(next);
+    std::string seen;
+    const WhenDialogOpens watch("alert", [&](QWidget* box) {
+        seen = tree(box);
+        box->close();
+    });
+    press("nextButton");
+    EXPECT_EQ(seen, R"(alert "Existing certificates found"
+graphic "Warning"
+text "Existing certificates found"
+button "No" default
+button "Yes"
+button "Help"
+text "You appear to have one or more old certificates installed. Would you like to delete them?
+
+WARNING: If you have used S/MIME for email encryption, do not delete your certificates
+
+For more information, see https://help.orvane.example/certificates"
+)");
+}
+
+TEST_F(Accessibility, OfTheKeychainsQuestion)
+{
+    kf::PassphraseBox box({"/home/ada/.pki/nssdb"_ns, 2}, nullptr);
+    box.show();
+    EXPECT_EQ(tree(&box), R"(dialog "Unlock the Keychain"
+text "Your certificates are kept in a keychain that is protected by a pass phrase. To look at them and to install new ones, it has to be unlocked:
+/home/ada/.pki/nssdb"
+text "It is the pass phrase that you gave this keychain, in a browser or mail program perhaps; not the one of the certificate file."
+text "That was not the keychain’s pass phrase. Please try again."
+field "Pass phrase of the keychain" password
+toggle "Show" (Pass phrase of the keychain)
+button "Unlock" default
+button "Cancel"
+)");
+}
+
+TEST_F(Accessibility, OfAPageThatCannotBeLoaded)
+{
+    line_.bundle = "/nonexistent";
+    expectsPage_ = false;
+    open();
+    EXPECT_EQ(tree(window_.get()), R"(dialog "Keyfold"
+text "The Installer Cannot Be Loaded"
+text "Nothing was installed. There is no bundle at /nonexistent.
+
+Ask whoever installed this program to install it again."
+button "Previous" disabled
+button "Close" default
+)");
+}
+
+} // namespace
