@@ -569,6 +569,9 @@ TEST_F(OddFieldsTest, ByteStringsThatAreNoTextAreDropped)
         {CSSMOID_CommonName, BER_TAG_UTF8_STRING, dataOf(latin1)}};
     rdn = {2, pairs};
     EXPECT_EQ(text(BER_TAG_UTF8_STRING), (Texts{{"CommonName", "Ada"}}));
+    // Nor one that follows it in the same relative name.
+    std::swap(pairs[0], pairs[1]);
+    EXPECT_EQ(text(BER_TAG_UTF8_STRING), (Texts{{"CommonName", "Ada"}}));
 }
 
 TEST_F(OddFieldsTest, EmptyTextIsText)
