@@ -45,6 +45,7 @@ struct OpenSSLBytesDeleter {
 /// Bytes that OpenSSL allocated for its caller.
 using ScopedOpenSSLBytes = std::unique_ptr<unsigned char, OpenSSLBytesDeleter>;
 using ScopedOpenSSLText = std::unique_ptr<char, OpenSSLBytesDeleter>;
+using ScopedASN1_INTEGER = std::unique_ptr<ASN1_INTEGER, OpenSSLDeleter<ASN1_INTEGER_free>>;
 using ScopedASN1_STRING = std::unique_ptr<ASN1_STRING, OpenSSLDeleter<ASN1_STRING_free>>;
 using ScopedASN1_TIME = std::unique_ptr<ASN1_TIME, OpenSSLDeleter<ASN1_TIME_free>>;
 /// A BIO and every BIO behind it.

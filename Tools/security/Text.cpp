@@ -79,7 +79,19 @@ std::string nameText(std::span<const std::uint8_t> name)
     return textOf(memory.get());
 }
 
-std::string serialText(const CertificateFields& fields) { return hexText(keychain::serialNumber(fields)); }
+std::string serialText(const CertificateFields& fields)
+{
+    const OpenSSLErrorMark mark;
+    const unsigned char* position = fields.serial.data();
+    const ScopedASN1_INTEGER number(d2i_ASN1_INTEGER(nullptr, &position, static_cast<long>(fields.serial.size())));
+    if (!number)
+        return hexText(keychain::serialNumber(fields));
+    // The magnitude, without the octet that DER spends on the sign.
+    const bool isNegative = ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER;
+    const std::span magnitude(
+        ASN1_STRING_get0_data(number.get()), static_cast<std::size_t>(ASN1_STRING_length(number.get())));
+    return (isNegative ? "-" : "") + hexText(magnitude);
+}
 
 void printJSON(const JSON& document)
 {

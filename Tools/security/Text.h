@@ -24,7 +24,8 @@ std::string dateText(std::int64_t secondsSince1970);
 /// A Name (DER) as RFC 4514 writes it, but for letters that are not ASCII, which stand as they are; "#" and its bytes
 /// in hexadecimal where it cannot be read.
 std::string nameText(std::span<const std::uint8_t> name);
-/// The serial number in hexadecimal, as its INTEGER stores it.
+/// The serial number in hexadecimal, whole octets, as OpenSSL prints it: a negative one with a minus sign. The
+/// octets of the INTEGER where they are no valid number.
 std::string serialText(const CertificateFields& fields);
 
 /// Prints a document to standard output. It is ASCII, so valid UTF-8 whatever
