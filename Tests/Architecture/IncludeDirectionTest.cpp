@@ -37,6 +37,7 @@ const std::vector<Rule> rules = {
     {"Sources/Shared", {"KFRegex", "Foundation"}},
     {"Tools/security", {"Foundation", "Security"}},
     {"Tools/launcher", {"Security"}},
+    {"Tools/unpublish", {}},
 };
 
 // The folder that a quoted include names by its first component.
@@ -198,6 +199,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"Tools/security/Main.cpp", {"QCoreApplication", false}, false},
                     Row{"Tools/launcher/Launcher.cpp", {"Security/Authorization/LaunchReply.h", true}, true},
                     Row{"Tools/launcher/Launcher.cpp", {"Foundation/NSString.h", true}, false},
+                    Row{"Tools/unpublish/main.cpp", {"Security/SecTrust.h", true}, false},
                     Row{"Platform/Security/Authorization/PolkitAuthority.cpp", {"systemd/sd-bus.h", false}, true},
                     Row{"Platform/Security/Authorization/PolkitAuthority.h", {"systemd/sd-bus.h", false}, false},
                     Row{"Tools/launcher/Launcher.cpp", {"systemd/sd-bus.h", false}, false}));

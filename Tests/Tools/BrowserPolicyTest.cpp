@@ -116,6 +116,25 @@ TEST_F(ChromiumPolicyTest, TheLastRemovalLeavesNothing)
     EXPECT_FALSE(fs::exists(directory_ / "etc/chromium")) << "directories that we made";
 }
 
+TEST_F(ChromiumPolicyTest, RemovingAllLeavesNothing)
+{
+    ASSERT_TRUE(place().add(authority().root()).succeeded());
+    ASSERT_TRUE(place().add(other().root()).succeeded());
+    const Outcome removed = place().removeAll();
+    EXPECT_EQ(removed.kind, OutcomeKind::done) << removed.text;
+    expectUntouched();
+    EXPECT_FALSE(fs::exists(directory_ / "etc/chromium")) << "directories that we made";
+    EXPECT_EQ(place().removeAll().kind, OutcomeKind::unchanged);
+}
+
+TEST_F(ChromiumPolicyTest, RemovingAllFindsWhatSomebodyTookOutHalf)
+{
+    ASSERT_TRUE(place().add(authority().root()).succeeded());
+    writeFile(ours(), R"({"PolicyListMultipleSourceMergeList": ["CACertificates"], "HomepageLocation": "about:blank"})");
+    EXPECT_EQ(place().removeAll().kind, OutcomeKind::done);
+    EXPECT_EQ(read(ours()), (json{{"HomepageLocation", "about:blank"}})) << "somebody else's stays";
+}
+
 TEST_F(ChromiumPolicyTest, ABrowserThatIsNotThereIsLeftOut)
 {
     fs::remove(directory_ / "program");
@@ -307,12 +326,40 @@ TEST_F(FirefoxPolicyTest, TakesBackWhatWasPublishedTheOtherWay)
     expectUntouched(1);
 }
 
+TEST_F(FirefoxPolicyTest, RemovingAllLeavesWhatOthersMade)
+{
+    const std::string theirs = R"({"policies": {"Certificates": {"Install": ["/etc/firefox/certificates/theirs.pem"]}}})";
+    setPolicies(theirs);
+    ASSERT_TRUE(place().add(authority().root()).succeeded());
+    places_.module.clear();
+    ASSERT_TRUE(place().add(other().root()).succeeded());
+    ASSERT_TRUE(fs::exists(places_.certificates));
+    const Outcome removed = place().removeAll();
+    EXPECT_EQ(removed.kind, OutcomeKind::done) << removed.text;
+    EXPECT_THAT(removed.text, HasSubstr("profiles that have started with it may keep it"));
+    EXPECT_EQ(read(policies()), json::parse(theirs));
+    expectUntouched(1);
+    EXPECT_FALSE(fs::exists(places_.certificates)) << "a directory that we made";
+    EXPECT_EQ(place().removeAll().kind, OutcomeKind::unchanged);
+}
+
+TEST_F(FirefoxPolicyTest, RemovingAllFindsAFileWithoutItsEntry)
+{
+    places_.module.clear();
+    ASSERT_TRUE(place().add(authority().root()).succeeded());
+    setPolicies("{}");
+    ASSERT_TRUE(fs::exists(certificate()));
+    EXPECT_TRUE(place().removeAll().succeeded());
+    EXPECT_FALSE(fs::exists(certificate()));
+}
+
 TEST_F(FirefoxPolicyTest, LeavesAndTellsWhatIsNotStrictJSON)
 {
     setPolicies("{ // comment\n}");
     const Outcome added = place().add(authority().root());
     EXPECT_EQ(added.kind, OutcomeKind::failed);
     EXPECT_THAT(added.text, HasSubstr("is not strict JSON"));
+    EXPECT_THAT(place().removeAll().text, HasSubstr("is not strict JSON"));
     expectUntouched(1);
 }
 

@@ -189,6 +189,60 @@ TEST_F(DistributionTrustStoreTest, RemovingFinishesWhatEndedEarly)
     EXPECT_EQ(store().remove(authority().root()).text, "was not there");
 }
 
+TEST_F(DistributionTrustStoreTest, RemovingAllTakesOutExactlyOurs)
+{
+    const Authority other("Somebody", "Other Authority");
+    const Authority third("Somebody", "Third Authority");
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    ASSERT_TRUE(store().add(third.root()).succeeded());
+    const Outcome removed = store().removeAll();
+    EXPECT_EQ(removed.kind, Outcome::Kind::done) << removed.text;
+    EXPECT_FALSE(isTrusted(authority().rootFile()));
+    EXPECT_FALSE(isTrusted(third.rootFile()));
+    EXPECT_TRUE(isTrusted(other.rootFile()));
+    EXPECT_EQ(contentOf(layout_.anchors).size(), 1U);
+    EXPECT_EQ(contentOf(certificates()).size(), 3U) << "no dangling links";
+    const auto before = runs();
+    EXPECT_EQ(store().removeAll().kind, Outcome::Kind::unchanged);
+    EXPECT_EQ(runs(), before);
+}
+
+TEST_F(DistributionTrustStoreTest, RemovingAllFinishesWhatEndedEarly)
+{
+    const Authority other("Somebody", "Other Authority");
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    fs::remove(store().anchorPath(authority().root())); // as after a kill before the update
+    EXPECT_EQ(store().removeAll().kind, Outcome::Kind::done);
+    EXPECT_FALSE(isTrusted(authority().rootFile()));
+    EXPECT_EQ(store().removeAll().kind, Outcome::Kind::unchanged);
+}
+
+TEST_F(DistributionTrustStoreTest, RemovingAllNeedsNoCommand)
+{
+    const Authority other("Somebody", "Other Authority");
+    fs::create_directory(layout_.anchors);
+    fs::copy_file(other.rootFile(), fs::path(layout_.anchors) / "other.crt");
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    fs::remove(layout_.command[0]);
+    const Outcome removed = store().removeAll();
+    EXPECT_EQ(removed.kind, Outcome::Kind::done) << removed.text;
+    EXPECT_FALSE(isTrusted(authority().rootFile()));
+    EXPECT_TRUE(isTrusted(other.rootFile()));
+}
+
+TEST_F(DistributionTrustStoreTest, RemovingAllTellsOfAnotherSource)
+{
+    ASSERT_TRUE(store().add(authority().root()).succeeded());
+    fs::copy_file(authority().rootFile(), fs::path(layout_.anchors) / "theirs.crt");
+    const Outcome removed = store().removeAll();
+    EXPECT_EQ(removed.kind, Outcome::Kind::failed);
+    EXPECT_THAT(removed.text, HasSubstr("from another source"));
+}
+
 TEST_F(DistributionTrustStoreTest, RemovingTellsOfAnotherSource)
 {
     ASSERT_TRUE(store().add(authority().root()).succeeded());
@@ -351,6 +405,7 @@ TEST(DistributionLayout, IsToldByOSRelease)
 
 TEST(DistributionLayout, WithoutOneAdditionsFailAndRemovalsDoNot)
 {
+    EXPECT_TRUE(DistributionTrustStore(std::nullopt).removeAll().succeeded());
     static const Authority authority;
     DistributionTrustStore store(std::nullopt);
     EXPECT_EQ(store.add(authority.root()).kind, Outcome::Kind::failed);

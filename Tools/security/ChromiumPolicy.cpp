@@ -136,6 +136,14 @@ std::vector<PolicyEntry> ChromiumPolicy::everySharedEntry() const
     return {{PolicyEntry::Kind::item, {mergeKey}, certificatesKey}};
 }
 
+std::vector<PolicyEntry> ChromiumPolicy::entriesOfAll(const PolicyFile& file) const
+{
+    std::vector<PolicyEntry> entries;
+    for (const std::string& item : file.items({certificatesKey}))
+        entries.push_back({PolicyEntry::Kind::item, {certificatesKey}, item});
+    return entries;
+}
+
 Outcome ChromiumPolicy::afterAdding(Outcome outcome) const
 {
     const Gathering gathering = gather(browser_.directory);

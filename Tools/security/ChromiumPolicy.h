@@ -31,6 +31,7 @@ protected:
     std::vector<PolicyEntry> entriesFor(const Bytes& certificate, const PolicyFile& file) const override;
     std::vector<PolicyEntry> everyEntryFor(const Bytes& certificate) const override;
     std::vector<PolicyEntry> everySharedEntry() const override;
+    std::vector<PolicyEntry> entriesOfAll(const PolicyFile& file) const override;
     Outcome afterAdding(Outcome outcome) const override;
 
 private:

@@ -235,6 +235,65 @@ Outcome DistributionTrustStore::remove(const Bytes& certificate)
     return failed(error.empty() ? "the certificate is still in " + layout_->bundle + ", from another source" : error);
 }
 
+/// The anchors that are there, and those that links tell of after a removal that ended early.
+std::set<std::string> DistributionTrustStore::ourAnchors() const
+{
+    std::set<std::string> anchors;
+    std::error_code ignored;
+    const auto isOurs = [](const fs::path& path) { return path.filename().string().starts_with(publishedPrefix); };
+    for (const auto& entry : fs::directory_iterator(layout_->anchors, ignored)) {
+        if (isOurs(entry.path()) && entry.path().extension() == layout_->suffix)
+            anchors.insert(entry.path());
+    }
+    for (const auto& entry : fs::directory_iterator(layout_->hashedDirectory, ignored)) {
+        const fs::path target = fs::read_symlink(entry.path(), ignored);
+        if (isOurs(target) && target.parent_path() == layout_->anchors)
+            anchors.insert(target);
+    }
+    return anchors;
+}
+
+/// What the command would do; gives what went wrong.
+std::string DistributionTrustStore::eraseFromBundle(const std::vector<Bytes>& certificates) const
+{
+    constexpr std::size_t bundleSizeLimit = 16 * 1024 * 1024;
+    FileContent bundle = readFile(layout_->bundle, bundleSizeLimit);
+    if (!bundle.text)
+        return bundle.isMissing ? std::string() : layout_->bundle + ": " + bundle.error;
+    const std::string before = *bundle.text;
+    for (const Bytes& certificate : certificates) {
+        const std::string text = pemText(certificate);
+        if (const auto place = bundle.text->find(text); place != std::string::npos)
+            bundle.text->erase(place, text.size());
+    }
+    return *bundle.text == before ? std::string() : writeFileAtomically(layout_->bundle, *bundle.text, 0644);
+}
+
+Outcome DistributionTrustStore::removeAll()
+{
+    if (!layout_)
+        return notPresent();
+    const FileLock lock(layout_->lock, layout_->patience);
+    if (!lock.isHeld())
+        return failed("another program keeps it locked (" + layout_->lock + ")");
+    const std::set<std::string> anchors = ourAnchors();
+    if (anchors.empty())
+        return unchanged("was not there");
+    std::vector<Bytes> certificates;
+    for (const std::string& anchor : anchors) {
+        if (const auto certificate = readCertificateFile(anchor).der)
+            certificates.push_back(*certificate);
+        if (const std::string error = removeFile(anchor); !error.empty())
+            return failed(error);
+    }
+    std::error_code ignored;
+    const std::string error = fs::exists(layout_->command[0], ignored) ? update() : eraseFromBundle(certificates);
+    std::ranges::for_each(anchors, [&](const std::string& anchor) { removeLinks(anchor); });
+    if (std::ranges::none_of(certificates, [&](const Bytes& certificate) { return bundleHolds(certificate); }))
+        return done("removed");
+    return failed(error.empty() ? "a certificate is still in " + layout_->bundle + ", from another source" : error);
+}
+
 PlaceStatus DistributionTrustStore::status() const
 {
     PlaceStatus status;

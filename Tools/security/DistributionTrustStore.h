@@ -5,13 +5,14 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string_view>
 
 namespace kf::security {
 
 /// One PEM file in the local administrator's directory becomes a part of the
 /// bundle when the distribution's command runs.
-class DistributionTrustStore final : public TrustPlace {
+class DistributionTrustStore final : public PublishedPlace {
 public:
     /// How one family of distributions does it.
     struct Layout {
@@ -31,6 +32,8 @@ public:
     bool decides() const noexcept override { return true; }
     Outcome add(const Bytes& certificate) override;
     Outcome remove(const Bytes& certificate) override;
+    /// Needs no command where that was taken from the machine before.
+    Outcome removeAll() override;
     PlaceStatus status() const override;
 
     /// The anchor's file.
@@ -39,6 +42,8 @@ public:
 private:
     bool bundleHolds(const Bytes& certificate) const;
     std::string update() const;
+    std::set<std::string> ourAnchors() const;
+    std::string eraseFromBundle(const std::vector<Bytes>& certificates) const;
     void removeLinks(const std::string& anchor) const;
 
     std::optional<Layout> layout_;

@@ -75,6 +75,11 @@ bool FirefoxPolicy::isPresent() const
     return exists(fs::path(files().policies).parent_path()) || std::ranges::any_of(places_.programs, exists);
 }
 
+bool FirefoxPolicy::isOurs(const std::string& path) const
+{
+    return path.starts_with(places_.certificates + "/" + publishedPrefix);
+}
+
 std::string FirefoxPolicy::certificatePath(const Bytes& certificate) const
 {
     return places_.certificates + "/" + publishedName(certificate) + ".pem";
@@ -101,6 +106,21 @@ std::vector<PolicyEntry> FirefoxPolicy::everySharedEntry() const
     return {deviceEntry(devices, places_.module), deviceEntry(addedDevices, places_.module)};
 }
 
+std::vector<PolicyEntry> FirefoxPolicy::entriesOfAll(const PolicyFile& file) const
+{
+    // A run that was killed may have left a file without its entry.
+    std::vector<std::string> paths = file.items(installList);
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(places_.certificates, ignored))
+        paths.push_back(entry.path());
+    std::vector<PolicyEntry> entries;
+    for (const std::string& path : paths) {
+        if (isOurs(path))
+            entries.push_back({Kind::item, installList, path});
+    }
+    return entries;
+}
+
 std::string FirefoxPolicy::prepare(const Bytes& certificate, Record& record) const
 {
     if (usesModule())
@@ -110,7 +130,7 @@ std::string FirefoxPolicy::prepare(const Bytes& certificate, Record& record) con
     return writeFileAtomically(certificatePath(certificate), pemText(certificate), 0644);
 }
 
-std::string FirefoxPolicy::cleanUp(const Bytes& certificate) const { return removeFile(certificatePath(certificate)); }
+std::string FirefoxPolicy::cleanUp(const PolicyEntry& entry) const { return removeFile(entry.value); }
 
 Outcome FirefoxPolicy::afterAdding(Outcome outcome) const
 {
@@ -138,7 +158,7 @@ PlaceStatus FirefoxPolicy::status() const
     if (!deviceOf(file).empty())
         status.follows = "distribution's trust store";
     for (const std::string& path : file.items(installList)) {
-        if (!path.starts_with(places_.certificates + "/" + publishedPrefix))
+        if (!isOurs(path))
             continue;
         const CertificateFile certificate = readCertificateFile(path);
         const auto fields = certificate.der ? readCertificateFields(*certificate.der) : Failure{errSecUnknownFormat};

@@ -30,12 +30,14 @@ protected:
     std::vector<PolicyEntry> entriesFor(const Bytes& certificate, const PolicyFile& file) const override;
     std::vector<PolicyEntry> everyEntryFor(const Bytes& certificate) const override;
     std::vector<PolicyEntry> everySharedEntry() const override;
+    std::vector<PolicyEntry> entriesOfAll(const PolicyFile& file) const override;
     std::string prepare(const Bytes& certificate, Record& record) const override;
-    std::string cleanUp(const Bytes& certificate) const override;
+    std::string cleanUp(const PolicyEntry& entry) const override;
     Outcome afterAdding(Outcome outcome) const override;
     Outcome afterRemoving(Outcome outcome, bool hadEntries) const override;
 
 private:
+    bool isOurs(const std::string& path) const;
     std::string certificatePath(const Bytes& certificate) const;
     bool usesModule() const { return !places_.module.empty(); }
 

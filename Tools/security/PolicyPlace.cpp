@@ -4,7 +4,6 @@
 #include "security/FileTools.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace kf::security {
 
@@ -63,25 +62,49 @@ Outcome PolicyPlace::remove(const Bytes& certificate)
         return failed("another program keeps it locked (" + files_.lock + ")");
     Record record(files_.record);
     PolicyFile file(files_.policies, record);
-    std::vector<PolicyEntry> entries = everyEntryFor(certificate);
-    const auto isHeld = [&](const PolicyEntry& entry) { return file.holds(entry); };
-    const bool hadEntries = std::ranges::any_of(entries, isHeld);
-    if (!hadEntries && !record.has(userLine(certificate)) && file.error().empty())
+    const std::vector<PolicyEntry> entries = everyEntryFor(certificate);
+    const bool isThere = record.has(userLine(certificate))
+        || std::ranges::any_of(entries, [&](const PolicyEntry& entry) { return file.holds(entry); });
+    if (!isThere && file.error().empty())
         return finish(isPresent() ? unchanged("was not there") : notPresent(), record);
     record.erase(userLine(certificate));
+    return takeOut(entries, file, record);
+}
+
+Outcome PolicyPlace::removeAll()
+{
+    const FileLock lock(files_.lock, files_.patience);
+    if (!lock.isHeld())
+        return failed("another program keeps it locked (" + files_.lock + ")");
+    Record record(files_.record);
+    PolicyFile file(files_.policies, record);
+    const std::vector<PolicyEntry> entries = entriesOfAll(file);
+    if (entries.empty() && !record.hasPrefix(userWord) && file.error().empty())
+        return finish(isPresent() ? unchanged("was not there") : notPresent(), record);
+    record.eraseAll(userWord);
+    return takeOut(entries, file, record);
+}
+
+/// The shared entries too, where the record knows of no other certificate.
+Outcome PolicyPlace::takeOut(const std::vector<PolicyEntry>& entries, PolicyFile& file, Record& record)
+{
+    const bool hadEntries = std::ranges::any_of(entries, [&](const PolicyEntry& entry) { return file.holds(entry); });
+    const auto take = [&](const PolicyEntry& entry) { file.take(entry); };
+    std::ranges::for_each(entries, take);
     if (!record.hasPrefix(userWord))
-        std::ranges::copy(everySharedEntry(), std::back_inserter(entries));
-    std::ranges::for_each(entries, [&](const PolicyEntry& entry) { file.take(entry); });
+        std::ranges::for_each(everySharedEntry(), take);
     std::string error = file.save();
-    if (error.empty())
-        error = cleanUp(certificate);
+    for (const PolicyEntry& entry : entries) {
+        if (error.empty())
+            error = cleanUp(entry);
+    }
     if (!error.empty())
         return failed(error);
     return finish(afterRemoving(done("removed (" + files_.policies + ")"), hadEntries), record);
 }
 
 std::string PolicyPlace::prepare(const Bytes&, Record&) const { return {}; }
-std::string PolicyPlace::cleanUp(const Bytes&) const { return {}; }
+std::string PolicyPlace::cleanUp(const PolicyEntry&) const { return {}; }
 Outcome PolicyPlace::afterAdding(Outcome outcome) const { return outcome; }
 Outcome PolicyPlace::afterRemoving(Outcome outcome, bool) const { return outcome; }
 

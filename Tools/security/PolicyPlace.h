@@ -10,7 +10,7 @@ namespace kf::security {
 
 /// Entries in one policy file: some for each certificate, some shared by all
 /// of ours while there is one.
-class PolicyPlace : public TrustPlace {
+class PolicyPlace : public PublishedPlace {
 public:
     /// Where it keeps its things.
     struct Files {
@@ -23,6 +23,7 @@ public:
     bool decides() const noexcept override { return false; }
     Outcome add(const Bytes& certificate) override;
     Outcome remove(const Bytes& certificate) override;
+    Outcome removeAll() override;
 
 protected:
     explicit PolicyPlace(Files files) : files_(std::move(files)) { }
@@ -34,9 +35,11 @@ protected:
     /// What an addition may have put in for this certificate alone, and for all of ours.
     virtual std::vector<PolicyEntry> everyEntryFor(const Bytes& certificate) const = 0;
     virtual std::vector<PolicyEntry> everySharedEntry() const = 0;
+    /// What additions may have put in for one certificate alone, whichever it was.
+    virtual std::vector<PolicyEntry> entriesOfAll(const PolicyFile& file) const = 0;
     /// Files that the entries need; gives what went wrong.
     virtual std::string prepare(const Bytes& certificate, Record& record) const;
-    virtual std::string cleanUp(const Bytes& certificate) const;
+    virtual std::string cleanUp(const PolicyEntry& entry) const;
     /// What else is to be told after an addition; a failure where it has no effect.
     virtual Outcome afterAdding(Outcome outcome) const;
     /// `hadEntries`: some were for this certificate alone.
@@ -45,6 +48,8 @@ protected:
     const Files& files() const noexcept { return files_; }
 
 private:
+    Outcome takeOut(const std::vector<PolicyEntry>& entries, PolicyFile& file, Record& record);
+
     Files files_;
 };
 

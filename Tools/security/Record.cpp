@@ -38,6 +38,11 @@ bool Record::hasPrefix(const std::string& prefix) const
     return next != lines_.end() && next->starts_with(prefix);
 }
 
+void Record::eraseAll(const std::string& prefix)
+{
+    std::erase_if(lines_, [&](const std::string& line) { return line.starts_with(prefix); });
+}
+
 std::string Record::prepare()
 {
     std::set<std::string> both = lines_;

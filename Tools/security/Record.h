@@ -23,6 +23,7 @@ public:
     bool hasPrefix(const std::string& prefix) const;
     void add(const std::string& line) { lines_.insert(line); }
     void erase(const std::string& line) { lines_.erase(line); }
+    void eraseAll(const std::string& prefix);
 
     /// Puts the lines on the disk besides those that stand there. Gives what went wrong.
     std::string prepare();

@@ -69,9 +69,23 @@ public:
     virtual PlaceStatus status() const = 0;
 };
 
+/// A place that the System keychain's trust is published to.
+class PublishedPlace : public TrustPlace {
+public:
+    /// Takes out what add() put in for any certificate, without knowing which
+    /// they were. Success where nothing was there.
+    virtual Outcome removeAll() = 0;
+};
+
 /// Every place, in the order in which they are changed: the System keychain,
 /// whose trust the others publish, comes first.
 std::vector<std::unique_ptr<TrustPlace>> trustPlaces();
+/// All but the System keychain. Here no keychain is needed.
+std::vector<std::unique_ptr<PublishedPlace>> publishedPlaces();
+
+/// Held by whoever changes more than one place: an addition and a removal that
+/// overlap would leave some places with the one and some with the other.
+inline constexpr const char* turnLock = "/run/keyfold-trust.lock";
 
 /// Calls `change`; what it throws becomes a failure of that one place.
 Outcome attempt(const std::function<Outcome()>& change);

@@ -71,12 +71,10 @@ bool report(const std::string& place, bool succeeded, const std::string& text)
 
 int changeEveryPlace(const std::function<Outcome(TrustPlace&)>& change, bool stopsAtKeychain)
 {
-    // An addition and a removal that overlap would leave some places with the one and some with the other.
-    constexpr const char* lockPath = "/run/keyfold-trust.lock";
     constexpr auto patience = std::chrono::minutes(4); // longer than any one place takes
-    const FileLock turn(lockPath, patience);
+    const FileLock turn(turnLock, patience);
     if (!turn.isHeld()) {
-        report(systemKeychainName, false, std::string("another run does not end (") + lockPath + ")");
+        report(systemKeychainName, false, std::string("another run does not end (") + turnLock + ")");
         return exitFailure;
     }
     int status = exitSuccess;
