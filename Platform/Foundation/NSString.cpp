@@ -541,21 +541,18 @@ void NSMutableString::replace(CFRange range, const NSString& replacement)
             throw std::bad_alloc();
         return replace(range, *copy);
     }
-    sensitive_ = sensitive_ || replacement.sensitive_;
     if (replacement.isWide() && !fitsLatin1(replacement.utf16()))
         widen();
     const auto splice = [&](auto& text, const auto& units) {
         using Unit = typename std::remove_reference_t<decltype(text)>::value_type;
-        const auto first = text.begin() + range.location;
-        const auto common = std::min(static_cast<CFIndex>(units.size()), range.length);
-        const auto narrowed = [](auto unit) { return static_cast<Unit>(unit); };
-        const auto middle = std::transform(units.begin(), units.begin() + common, first, narrowed);
-        if (common < range.length) {
-            text.erase(middle, first + range.length);
-            return;
-        }
-        const auto at = text.insert(middle, units.size() - static_cast<std::size_t>(common), Unit{});
-        std::transform(units.begin() + common, units.end(), at, narrowed);
+        const auto growth = static_cast<CFIndex>(units.size()) - range.length;
+        // Room first: where there is no memory for it, nothing has changed.
+        if (growth > 0)
+            text.insert(text.begin() + range.location + range.length, static_cast<std::size_t>(growth), Unit{});
+        const auto end = std::transform(units.begin(), units.end(), text.begin() + range.location,
+            [](auto unit) { return static_cast<Unit>(unit); });
+        if (growth < 0)
+            text.erase(end, end - growth);
     };
     const auto spliceInto = [&](auto& text) {
         if (replacement.isWide())
@@ -567,6 +564,7 @@ void NSMutableString::replace(CFRange range, const NSString& replacement)
         spliceInto(wideText_);
     else
         spliceInto(narrowText_);
+    sensitive_ = sensitive_ || replacement.sensitive_;
     sync();
 }
 

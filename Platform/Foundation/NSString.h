@@ -149,7 +149,7 @@ protected:
     friend Ref<NSString> CFStringCreateWithSubstring(const NSString* string, CFRange range);
 };
 
-/// Text that can change. One thread at a time.
+/// Text that can change. One thread at a time. Where memory runs out, std::bad_alloc, and the text is as it was.
 class NSMutableString final : public NSString {
 public:
     static Ref<NSMutableString> string();
