@@ -80,11 +80,23 @@ protected:
             memory_->erase(path());
     }
 
-    /// Every writing call, for a database that holds Ada's key and certificate with trust.
+    /// Every writing call, for a database that holds Ada's key and certificate with trust: what could be done, what is
+    /// there already or is not there, and bytes that are no certificate.
     static std::vector<std::pair<const char*, OSStatus>> writeEverything(Database& database)
     {
         const auto adasKey = kf::test::parsed(ada()).key;
-        return {{"addCertificate", database.addCertificate(grace().leaf, "Grace").status()},
+        const Bytes none = {1, 2, 3};
+        return {{"addCertificate, no certificate", database.addCertificate(none, "x").status()},
+            {"addCertificate, there", database.addCertificate(ada().leaf, "x").status()},
+            {"addPrivateKey, there", database.addPrivateKey(adasKey).status()},
+            {"setCertificateLabel, not there", database.setCertificateLabel(grace().leaf, "x").status()},
+            {"setPrivateKeyLabel, not there", database.setPrivateKeyLabel(none, "x").status()},
+            {"setTrust, no certificate", database.setTrust(none, {}).status()},
+            {"removeTrust, no certificate", database.removeTrust(none).status()},
+            {"removeTrust, not there", database.removeTrust(grace().leaf).status()},
+            {"removePrivateKey, not there", database.removePrivateKey(none).status()},
+            {"removeCertificate, not there", database.removeCertificate(grace().leaf).status()},
+            {"addCertificate", database.addCertificate(grace().leaf, "Grace").status()},
             {"addPrivateKey", database.addPrivateKey(kf::test::parsed(grace()).key).status()},
             {"setCertificateLabel", database.setCertificateLabel(ada().leaf, "x").status()},
             {"setPrivateKeyLabel", database.setPrivateKeyLabel(adasKey.id, "x").status()},
@@ -371,7 +383,10 @@ TEST_P(BackendContract, ALockedDatabaseShowsCertificatesAloneAndIsNotWritten)
         EXPECT_TRUE(*database.containsCertificate(ada().leaf));
         EXPECT_EQ(database.privateKeys().status(), errSecInteractionNotAllowed);
         EXPECT_EQ(database.containsPrivateKey(kf::test::parsed(ada()).key.id).status(), errSecInteractionNotAllowed);
+        EXPECT_EQ(database.privateKeyInfo(kf::test::parsed(ada()).key.id).status(),
+            GetParam() == Kind::nss ? errSecInteractionNotAllowed : errSecUnimplemented);
         EXPECT_EQ(database.trust(ada().leaf).status(), errSecInteractionNotAllowed);
+        EXPECT_EQ(database.trust(Bytes{1, 2, 3}).status(), errSecInteractionNotAllowed);
         const auto turn = database.beginWriting();
         for (const auto& [call, status] : writeEverything(database))
             EXPECT_EQ(status, errSecInteractionNotAllowed) << call;
@@ -507,6 +522,26 @@ TEST_P(BackendContract, MoreObjectsThanARecordHoldsAreRefused)
     const auto turn = database.beginWriting();
     const std::vector<ObjectName> objects(mostIntendedObjects + 1, nameOf(ObjectClass::trust, {1}));
     EXPECT_EQ((*turn)->declare(Intent::Purpose::make, objects).status(), errSecDataTooLarge);
+}
+
+TEST_P(BackendContract, AKeyGoesOutAsItsInfoOrNeverDoes)
+{
+    Database& database = create();
+    const auto turn = database.beginWriting();
+    const auto key = kf::test::parsed(ada()).key;
+    ASSERT_EQ(database.addPrivateKey(key).status(), errSecSuccess);
+    const auto info = database.privateKeyInfo(key.id);
+    if (GetParam() != Kind::nss) {
+        EXPECT_EQ(info.status(), errSecUnimplemented);
+        return;
+    }
+    ASSERT_TRUE(info) << info.status();
+    EXPECT_FALSE(std::ranges::search(*info, key.privateValue).empty());
+    EXPECT_EQ(database.privateKeyInfo(Bytes{1, 2}).status(), errSecInvalidItemRef);
+    auto staying = kf::test::parsed(grace()).key;
+    staying.extractable = false;
+    ASSERT_EQ(database.addPrivateKey(staying).status(), errSecSuccess);
+    EXPECT_EQ(database.privateKeyInfo(staying.id).status(), errSecKeyIsSensitive);
 }
 
 TEST_P(BackendContract, WhatWasStoredIsThereAfterClosing)

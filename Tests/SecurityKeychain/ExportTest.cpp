@@ -102,6 +102,20 @@ TEST_F(ExportTest, AKeychainThatCannotBeOpenedIsTold)
     EXPECT_EQ(exportIt(identity), errSecSuccess);
 }
 
+TEST_F(ExportTest, AKeyThatCannotBeReadIsTold)
+{
+    ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    const auto identity = identities().at(0);
+    const auto faults = std::make_shared<FaultBackend>(kf::keychain::backend());
+    const ScopedBackend scoped(faults);
+    faults->arm(Operation::privateKeyInfo, 1, errSecIO);
+    EXPECT_EQ(exportIt(identity), errSecIO);
+    EXPECT_TRUE(faults->fired());
+    EXPECT_FALSE(exported_);
+    faults->disarm();
+    EXPECT_EQ(exportIt(identity), errSecSuccess);
+}
+
 TEST_F(ExportTest, MemoryGivesNoKeyAway)
 {
     const ScopedBackend scoped(std::make_shared<MemoryBackend>());

@@ -125,7 +125,7 @@ public:
     virtual Result<std::unique_ptr<WriteTurn>> beginWriting() = 0;
 
     // All that follows needs a turn and gives beginWriting()'s reason where this database cannot be written, else
-    // errSecInteractionNotAllowed while locked; a failure changes nothing.
+    // errSecInteractionNotAllowed while locked, whatever else is wrong with the call; a failure changes nothing.
 
     /// errSecDuplicateItem where it is there, errSecIssuerAndSerialTaken where another certificate of its issuer and
     /// serial number is (a database holds one), errSecUnknownFormat where it is no certificate. Where another subject's

@@ -145,7 +145,7 @@ public:
     }
     Result<SecretBytes> privateKeyInfo(std::span<const std::uint8_t> id) override
     {
-        return inner_->privateKeyInfo(id);
+        return guarded(*plan_, Operation::privateKeyInfo, [&] { return inner_->privateKeyInfo(id); });
     }
     Result<std::unique_ptr<WriteTurn>> beginWriting() override
     {

@@ -25,6 +25,7 @@ enum class Operation : std::uint8_t {
     privateKeys,
     containsCertificate,
     containsPrivateKey,
+    privateKeyInfo,
     beginWriting,
     declare,
     note,

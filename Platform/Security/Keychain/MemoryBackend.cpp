@@ -264,6 +264,8 @@ public:
     Status removeTrust(std::span<const std::uint8_t> certificate) override
     {
         const std::lock_guard lock(objects_->mutex);
+        if (const auto writable = checkWritable(); !writable)
+            return writable;
         if (const auto fields = readCertificateFields(certificate); !fields)
             return fields.failure();
         return removeFrom(objects_->trusts, findTrust(certificate), errSecItemNotFound);

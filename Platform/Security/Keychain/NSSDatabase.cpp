@@ -302,10 +302,10 @@ Result<std::unique_ptr<WriteTurn>> NSSDatabase::beginWriting()
 
 Status NSSDatabase::addCertificate(std::span<const std::uint8_t> der, const std::string& label)
 {
-    const auto fields = readCertificateFields(der);
-    if (!fields)
-        return fields.failure();
     return withSession(Need::writing, [&](const ScopedSession& session) -> Status {
+        const auto fields = readCertificateFields(der);
+        if (!fields)
+            return fields.failure();
         const auto present = anyOf(findCertificate(session, der));
         if (!present || *present)
             return present ? Failure{errSecDuplicateItem} : present.failure();
@@ -409,10 +409,10 @@ Result<Trust> NSSDatabase::trust(std::span<const std::uint8_t> certificate)
 
 Status NSSDatabase::setTrust(std::span<const std::uint8_t> certificate, const Trust& trust)
 {
-    const auto fields = readCertificateFields(certificate);
-    if (!fields)
-        return fields.failure();
     return withSession(Need::writing, [&](const ScopedSession& session) -> Status {
+        const auto fields = readCertificateFields(certificate);
+        if (!fields)
+            return fields.failure();
         Template words;
         addTrustWords(words, trust);
         const auto replaced = changeFirst(findTrust(session, certificate), errSecItemNotFound,
