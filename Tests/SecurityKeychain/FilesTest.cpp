@@ -213,6 +213,26 @@ TEST_F(Files, ADatabaseThatAnotherProgramIsJustMakingIsWaitedFor)
     EXPECT_FALSE(whileSleeping) << "nobody waited a second time";
 }
 
+TEST_F(Files, ADatabaseThatNobodyFinishesIsWaitedForThreeTimes)
+{
+    ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    closeAll();
+    const auto aside = home_.path() / "aside";
+    fs::rename(database() / "key4.db", aside);
+    int waits = 0;
+    std::function<void()> count = [&] {
+        ++waits;
+        whileSleeping = count;
+    };
+    whileSleeping = count;
+    NSSBackend backend;
+    EXPECT_EQ(backend.open(database(), Access::write).status(), errSecKeychainIncomplete);
+    whileSleeping = nullptr;
+    EXPECT_EQ(waits, 3);
+    fs::rename(aside, database() / "key4.db");
+    EXPECT_THAT(identities(), SizeIs(1));
+}
+
 TEST_F(Files, WhatAppearedMeanwhileIsNotReplaced)
 {
     const auto appear = [&](const std::string& name) {

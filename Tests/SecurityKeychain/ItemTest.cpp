@@ -667,6 +667,35 @@ TEST_F(Items, ALockedKeychainIsUnlockedThroughThePresenterOnce)
     EXPECT_EQ(asker.asked, 2);
 }
 
+TEST_F(Items, AKeychainThatCannotBeUnlockedIsToldAndNotAskedForAgain)
+{
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    faults_->arm(Operation::unlock, 1, errSecIO);
+    {
+        Asker asker({"open sesame"});
+        EXPECT_EQ(import(defaultKeychain(), ada()), errSecIO);
+        EXPECT_EQ(asker.asked, 1);
+    }
+    EXPECT_TRUE(faults_->fired());
+    EXPECT_EQ(faults_->calls(Operation::beginWriting), 0);
+    faults_->disarm();
+    Asker asker({"open sesame"});
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+}
+
+TEST_F(Items, AKeychainWhoseGenerationCannotBeReadIsTold)
+{
+    importAda();
+    const auto all = find(nullptr, kSecCertificateItemClass).items.size();
+    faults_->arm(Operation::generation, 1, errSecIO, true);
+    EXPECT_EQ(find(nullptr, kSecCertificateItemClass).end, errSecIO);
+    EXPECT_EQ(find(nullptr, kSecPrivateKeyItemClass).end, errSecIO);
+    EXPECT_TRUE(faults_->fired());
+    faults_->disarm();
+    EXPECT_EQ(find(nullptr, kSecCertificateItemClass).items.size(), all);
+    EXPECT_EQ(find(nullptr, kSecCertificateItemClass).end, errSecItemNotFound);
+}
+
 TEST_F(Items, AfterThreeWrongAnswersNobodyIsAskedAgain)
 {
     memory_->create(defaultKeychain()->path(), "open sesame");
