@@ -3,6 +3,7 @@
 
 #include "Foundation/NSString.h"
 
+#include <concepts>
 #include <initializer_list>
 #include <type_traits>
 #include <variant>
@@ -11,14 +12,10 @@
 /// number, C text or an object.
 class NSFormatArgument {
 public:
-    template <class T>
-    requires std::is_integral_v<T> NSFormatArgument(T value)
-    noexcept
+    template <std::integral T>
+    NSFormatArgument(T value) noexcept
+        : value_(static_cast<std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>>(value))
     {
-        if constexpr (std::is_signed_v<T>)
-            value_ = static_cast<std::int64_t>(value);
-        else
-            value_ = static_cast<std::uint64_t>(value);
     }
     NSFormatArgument(double value) noexcept : value_(value) { }
     NSFormatArgument(const char* text) noexcept : value_(text) { }

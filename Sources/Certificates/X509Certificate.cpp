@@ -136,7 +136,7 @@ Ref<NSMutableDictionary> X509NameToDictionary(const CSSM_X509_NAME* name)
 {
     if (!name)
         return nullptr;
-    const auto dictionary = NSMutableDictionary::dictionaryWithCapacity(6);
+    auto dictionary = NSMutableDictionary::dictionaryWithCapacity(6);
     const auto others = NSMutableArray::arrayWithCapacity(6);
     for (const CSSM_X509_RDN& rdn : std::span(name->RelativeDistinguishedName, name->numberOfRDNs)) {
         for (const CSSM_X509_TYPE_VALUE_PAIR& pair : std::span(rdn.AttributeTypeAndValue, rdn.numberOfPairs)) {
@@ -337,7 +337,7 @@ Ref<NSMutableDictionary> X509Certificate::extractCertDictFromCert(const SecCerti
     const CertificateFieldArray array(library.handle(), data);
     if (array.error() != CSSM_OK)
         return nullptr;
-    const auto dictionary = NSMutableDictionary::dictionaryWithCapacity(6);
+    auto dictionary = NSMutableDictionary::dictionaryWithCapacity(6);
     for (const CSSM_FIELD& field : array.fields())
         AddCSSMField(field, *dictionary);
     return dictionary;

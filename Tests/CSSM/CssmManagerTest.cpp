@@ -341,6 +341,7 @@ TEST_F(CssmManagerTest, ServesManyThreadsAtOnce)
     ASSERT_EQ(initialize(), CSSM_OK);
     std::latch start(threads);
     std::vector<std::thread> running;
+    running.reserve(threads);
     std::atomic<int> right{0};
     for (int i = 0; i < threads; ++i) {
         running.emplace_back([&] {
@@ -377,8 +378,10 @@ TEST_F(CssmManagerTest, OneContextServesManyThreadsAndOutlivesItsDeletionDuringU
     CSSM_CC_HANDLE context = 0;
     ASSERT_EQ(CSSM_CSP_CreateDigestContext(handle, CSSM_ALGID_SHA1, &context), CSSM_OK);
     std::atomic<int> wrong{0};
+    constexpr int threads = 4;
     std::vector<std::thread> running;
-    for (int i = 0; i < 4; ++i) {
+    running.reserve(threads);
+    for (int i = 0; i < threads; ++i) {
         running.emplace_back([&] {
             for (;;) {
                 std::uint8_t buffer[20];
