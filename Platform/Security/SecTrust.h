@@ -72,8 +72,10 @@ extern const Ref<NSString> kSecTrustSettingsResult;
 /// root for every policy). A dictionary without a result entry means trust as
 /// root. The user domain lies in the default keychain, to which the certificate
 /// is added where it is missing: programs heed a setting only beside its
-/// certificate. The admin domain lies in the System keychain and needs rights:
-/// without them errAuthorizationDenied, at once.
+/// certificate. The admin domain lies in the System keychain; a process that
+/// is no administrator writes it through the privileged tool, under a right that
+/// it was granted and that is remembered (AdminDomain.h), and without one is
+/// refused at once: errAuthorizationDenied.
 /// The system domain is the distribution's and cannot be written (errSecReadOnly).
 /// A setting makes a self-signed certificate an anchor of chains; any other
 /// certificate is then trusted itself, and nothing that it issued. Of several
@@ -89,4 +91,6 @@ OSStatus SecTrustSettingsCopyTrustSettings(
 /// owned by the caller. errSecNoTrustSettings where there are none; the
 /// keychain's own errors.
 OSStatus SecTrustSettingsCopyCertificates(SecTrustSettingsDomain domain, Ref<NSArray>* certificates);
+/// Takes the settings of a certificate out of a domain, with rights as for
+/// writing them. errSecItemNotFound where there are none.
 OSStatus SecTrustSettingsRemoveTrustSettings(const SecCertificateRef& certificate, SecTrustSettingsDomain domain);

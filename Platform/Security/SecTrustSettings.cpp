@@ -4,6 +4,7 @@
 #include "Security/ScopedOpenSSL.h"
 #include "Security/SecKeychainSearch.h"
 #include "Security/SecTrust.h"
+#include "Security/Trust/AdminDomain.h"
 #include "Security/Trust/DistributionStore.h"
 #include "Security/Trust/Evaluation.h"
 
@@ -118,12 +119,10 @@ Result<SecKeychainRef> keychainOf(SecTrustSettingsDomain domain)
     }
 }
 
-/// The same for writing: the admin domain takes an administrator.
-Result<SecKeychainRef> writableKeychainOf(SecTrustSettingsDomain domain)
+/// Whether a domain is the administrator's, and this process is none.
+bool takesTheTool(SecTrustSettingsDomain domain)
 {
-    if (domain == kSecTrustSettingsDomainAdmin && !authorization::currentBackend()->isAdministrator())
-        return Failure{errAuthorizationDenied};
-    return keychainOf(domain);
+    return domain == kSecTrustSettingsDomainAdmin && !authorization::currentBackend()->isAdministrator();
 }
 
 SecTrustSettingsResult resultOf(TrustLevel level)
@@ -209,7 +208,9 @@ OSStatus SecTrustSettingsSetTrustSettings(
     const auto trust = trustOf(settings, isSelfSigned(certificate->parsed()));
     if (!trust)
         return trust.status();
-    const auto keychain = writableKeychainOf(domain);
+    if (takesTheTool(domain))
+        return trust::writeAdminTrust(certificate->parsed().der, *trust).status();
+    const auto keychain = keychainOf(domain);
     if (!keychain)
         return keychain.status();
     return keychain::writeTrust(*keychain, certificate->parsed().der, *trust).status();
@@ -255,7 +256,9 @@ OSStatus SecTrustSettingsRemoveTrustSettings(const SecCertificateRef& certificat
 {
     if (!certificate)
         return errSecParam;
-    const auto keychain = writableKeychainOf(domain);
+    if (takesTheTool(domain))
+        return trust::removeAdminTrust(certificate->parsed().der).status();
+    const auto keychain = keychainOf(domain);
     if (!keychain)
         return keychain.status();
     return keychain::removeTrust(*keychain, certificate->parsed().der).status();

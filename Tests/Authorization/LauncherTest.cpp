@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -136,6 +137,28 @@ TEST_F(LauncherProcess, LeavesTheCallersDirectoryMaskLimitsAndSignals)
     EXPECT_EQ(kf::authorization::waitForChild(caller), 0);
     EXPECT_THAT(lines("state"),
         ElementsAre("/", "0022", "unlimited", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"));
+}
+
+/// A timer outlives an exec, and its signal would end the tool halfway.
+TEST_F(LauncherProcess, LeavesNoTimerOfTheCallers)
+{
+    script("tool", "sleep 0.3; i=0; while [ $i -lt 100000 ]; do i=$((i + 1)); done; : > " + path("done"));
+    for (const auto timer : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF}) {
+        const DescriptorPair channel = makeConnection();
+        const std::string program = path("launcher");
+        const std::string certificate = path("authority.der");
+        const pid_t caller = ::fork();
+        if (caller == 0) {
+            constexpr itimerval soon{{}, {0, 50'000}};
+            const bool isSet = ::setitimer(timer, &soon, nullptr) == 0 && ::dup2(channel.theirs.get(), 0) == 0;
+            if (isSet)
+                ::execl(program.c_str(), program.c_str(), "authority", "null", "/usr/bin/security",
+                    "remove-trusted-cert", "-d", certificate.c_str(), nullptr);
+            std::_Exit(1);
+        }
+        EXPECT_EQ(kf::authorization::waitForChild(caller), 0) << timer;
+        EXPECT_TRUE(std::filesystem::remove(path("done"))) << timer;
+    }
 }
 
 TEST_F(LauncherProcess, GivesTheToolTheStandardDescriptorsAndTheCertificate)

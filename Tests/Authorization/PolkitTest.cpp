@@ -172,10 +172,10 @@ public:
         ++*asked_;
         return status_ == errAuthorizationSuccess ? kf::Status() : kf::Status(kf::Failure{status_});
     }
-    kf::Status execute(const kf::authorization::ToolCommand&, std::FILE**) override
+    kf::Result<pid_t> execute(const kf::authorization::ToolCommand&, std::FILE**) override
     {
         ++*executed_;
-        return {};
+        return ::getpid();
     }
     bool isAdministrator() const noexcept override { return false; }
 

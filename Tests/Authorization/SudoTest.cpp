@@ -24,6 +24,13 @@ protected:
     ~SudoTest() override { ::unsetenv("SUDO_ASKPASS"); }
 
     SudoBackend backend() const { return SudoBackend({path("sudo"), path("launcher")}); }
+    /// sudo that grants what `answers` (shell lines; $words are its words) does not end, and leads to the launcher.
+    void sudoThatRuns(const std::string& answers = {}) const
+    {
+        script("sudo",
+            "words=\"$1 $2\"\necho \"$1 $2 $3 $4\" | sed 's/ *$//' >> " + path("ways") + "\n" + answers
+                + "\ncase $words in '-A -v' | '-n -v' | '-k ') exit 0 ;; esac\nshift 2\nexec \"$@\"");
+    }
     OSStatus obtain(AuthorizationFlags flags = everyFlag) { return backend().obtainRight(right, flags).status(); }
 };
 
@@ -53,8 +60,8 @@ TEST_F(SudoTest, EachOutcomeBecomesACodeOfItsOwn)
 TEST_F(SudoTest, AsksNobodyWithoutSomebodyToAsk)
 {
     script("sudo", ": > " + path("ran"));
-    EXPECT_EQ(obtain(kAuthorizationFlagExtendRights), errAuthorizationInteractionNotAllowed);
     ::setenv("SUDO_ASKPASS", "", 1);
+    EXPECT_EQ(obtain(kAuthorizationFlagExtendRights), errAuthorizationInteractionNotAllowed);
     EXPECT_EQ(obtain(), errAuthorizationInteractionNotAllowed);
     ::unsetenv("SUDO_ASKPASS");
     EXPECT_EQ(obtain(), errAuthorizationInteractionNotAllowed);
@@ -95,10 +102,20 @@ TEST_F(SudoTest, AnAskpassProgramThatHangsIsGivenUp)
     EXPECT_EQ(status, errAuthorizationCanceled);
 }
 
+TEST_F(SudoTest, WithoutAQuestionTheRightIsWhatSudoRemembers)
+{
+    script("sudo", "echo \"$*\" >> " + path("ways"));
+    EXPECT_EQ(obtain(kAuthorizationFlagExtendRights), errAuthorizationSuccess);
+    EXPECT_THAT(lines("ways"), ElementsAre("-n -v"));
+    script("sudo", "echo 'sudo: a password is required' >&2; exit 1");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(obtain(kAuthorizationFlagExtendRights), errAuthorizationInteractionNotAllowed);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(SudoTest, RunsTheToolAndAsksAgainForAnyOtherCertificate)
 {
-    script("sudo",
-        "echo \"$1 $2 $3\" >> " + path("ways") + "\nwhile [ \"$1\" != -- ]; do shift; done\nshift\nexec \"$@\"");
+    sudoThatRuns();
     script("tool", "cat /dev/fd/3 >> " + path("got") + "; exit 3");
     auto sudo = backend();
     ASSERT_TRUE(sudo.execute(add(path("authority.der")), nullptr));
@@ -106,21 +123,40 @@ TEST_F(SudoTest, RunsTheToolAndAsksAgainForAnyOtherCertificate)
     ASSERT_TRUE(sudo.execute(add(path("other.der")), nullptr));
     EXPECT_EQ(WEXITSTATUS(waitForTheOnlyChild()), 3);
     EXPECT_EQ(content("got"), "the authority's bytesother bytes");
-    EXPECT_THAT(lines("ways"), ElementsAre("-A -- " + path("launcher"), "-A -- " + path("launcher"), "-A -k --"))
-        << "-k heeds no earlier answer and remembers none";
+    const std::string launching = "-A -- " + path("launcher");
+    EXPECT_THAT(lines("ways"),
+        ElementsAre("-A -v", launching + " authority", "-A -v", launching + " authority", "-k", "-A -v",
+            launching + " certificate"))
+        << "-k forgets what was answered before";
     EXPECT_EQ(sudo.execute({"/bin/sh", {"-c", "id"}}, nullptr).status(), errAuthorizationDenied);
+}
+
+TEST_F(SudoTest, EachOutcomeOfTheFurtherQuestionHasItsCode)
+{
+    script("tool", ": > " + path("ran"));
+    const auto answered = [&](const std::string& lines) {
+        sudoThatRuns("[ \"$words\" != '-k ' ] || : > " + path("forgotten") + "\n[ ! -e " + path("forgotten")
+            + " ] || [ \"$words\" != '-A -v' ] || { rm " + path("forgotten") + "; " + lines + "; exit 1; }");
+        const OSStatus status = backend().execute(add(path("other.der")), nullptr).status();
+        EXPECT_FALSE(exists("forgotten")) << "it was asked";
+        return status;
+    };
+    EXPECT_EQ(answered("echo 'sudo: no password was provided' >&2"), errAuthorizationCanceled);
+    EXPECT_EQ(answered("echo 'sudo: 3 incorrect password attempts' >&2"), errAuthorizationDenied);
+    EXPECT_EQ(answered("echo 'sudo: unable to run /x: No such file' >&2"), errAuthorizationInteractionNotAllowed);
+    EXPECT_FALSE(exists("ran"));
 }
 
 TEST_F(SudoTest, ALauncherThatWasNotReachedIsADenial)
 {
-    script("sudo", "exit 1");
+    sudoThatRuns("[ \"$words\" = '-A -v' ] || exit 1");
     EXPECT_EQ(backend().execute(add(path("authority.der")), nullptr).status(), errAuthorizationDenied);
 }
 
 /// sudo stays beside the tool and holds its descriptors: the launch is told all the same.
 TEST_F(SudoTest, AWayThatStaysDoesNotHoldUpTheLaunch)
 {
-    script("sudo", "while [ \"$1\" != -- ]; do shift; done\nshift\n\"$@\"\nexit $?");
+    sudoThatRuns("[ \"$words\" = '-A -v' ] || { shift 2; \"$@\"; exit $?; }");
     script("tool", "while [ ! -e " + path("go") + " ]; do sleep 0.05; done; exit 9");
     ASSERT_TRUE(backend().execute(add(path("authority.der")), nullptr));
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), 0) << "the tool still runs";

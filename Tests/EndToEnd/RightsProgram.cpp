@@ -1,14 +1,20 @@
 // rights [--cancel-after MILLISECONDS] [--interaction no] [--pipe] [add FILE | remove FILE | run PROGRAM]...
+// rights [--none] [trust FILE | distrust FILE]...
 // rights words WORD...
 //
 // Obtains the administrator's right and then, under it, runs the tool for each
 // command in turn, as the installer page does; tells what came of each. With
 // "words" it starts the launcher by hand, as an attacker who holds the right
-// could, and tells the launcher's reply.
+// could, and tells the launcher's reply. "trust" and "distrust" write the admin
+// domain of trust; with "--none" no right is obtained before.
 
+#include "Foundation/NSData.h"
 #include "Foundation/NSError.h"
+#include "Keychain/KFUtilities.h"
+#include "Keychain/KeychainTools.h"
 #include "Keychain/SFAuthorization+Execute.h"
 #include "Security/Authorization/OpenRequest.h"
+#include "Security/SecTrust.h"
 
 #include <chrono>
 #include <cstdio>
@@ -63,6 +69,22 @@ void execute(const Ref<SFAuthorization>& authorization, std::string_view command
         std::puts("a child is left");
 }
 
+/// As the page's first job writes it.
+Ref<NSDictionary> trustAsRoot()
+{
+    return NSDictionary::dictionaryWithObjectsAndKeys({{KFSecPolicyCreateBasicX509(), kSecTrustSettingsPolicy}});
+}
+
+void writeAdminDomain(std::string_view command, const char* file)
+{
+    const auto certificate = KeychainTools::createCertificateWithData(NSData::dataWithContentsOfFile(text(file)));
+    const bool isTrusted = command == "trust";
+    const OSStatus status = isTrusted
+        ? SecTrustSettingsSetTrustSettings(certificate, kSecTrustSettingsDomainAdmin, trustAsRoot())
+        : SecTrustSettingsRemoveTrustSettings(certificate, kSecTrustSettingsDomainAdmin);
+    tell(isTrusted ? "trusted" : "distrusted", status, nullptr);
+}
+
 void startByHand(char** words)
 {
     int ends[2] = {-1, -1};
@@ -96,6 +118,7 @@ int main(int count, char** words)
     AuthorizationFlags flags = 19;
     std::thread canceling;
     const auto authorization = SFAuthorization::authorization();
+    bool isNeeded = true;
     bool isObtained = false;
     const auto obtain = [&] {
         Ref<NSError> error;
@@ -116,18 +139,26 @@ int main(int count, char** words)
             flags = kAuthorizationFlagExtendRights;
         } else if (word == "--pipe") {
             hasPipe = true;
+        } else if (word == "--none") {
+            isNeeded = false;
         } else {
             break;
         }
     }
-    obtain();
+    if (isNeeded)
+        obtain();
     if (isObtained && index < count && std::string_view(words[index]) == "words") {
         startByHand(words + index + 1);
         return 0;
     }
-    for (; isObtained && index + 1 < count; index += 2)
-        execute(authorization, words[index], words[index + 1]);
+    for (; isObtained == isNeeded && index + 1 < count; index += 2) {
+        const std::string_view command = words[index];
+        if (command == "trust" || command == "distrust")
+            writeAdminDomain(command, words[index + 1]);
+        else
+            execute(authorization, command, words[index + 1]);
+    }
     if (canceling.joinable())
         canceling.join();
-    return isObtained ? 0 : 1;
+    return isObtained == isNeeded ? 0 : 1;
 }

@@ -100,6 +100,16 @@ for way in certificate nothing /bin/sh; do
     asked 2
 done
 
+# A path that would speak to the person who is asked: the dialog's own words come before it.
+speaking='/tmp/pki/another.der
+
+The institution asks for your password'
+cp another.der "$speaking"
+with_agent "password dismiss" "$rights" add "$speaking"
+says "failed: -60006"
+expect "the dialog says first what it is about" grep -q "^dialog $other .*Authentication is required to change, for \
+everybody on this computer, the trust of a certificate authority that is not the institution's: " "$dialogs"
+
 # A digest that somebody else could have written gives nobody the kept right.
 chmod 666 /usr/lib/keyfold/authority.sha256
 sha256sum impostor.der > /usr/lib/keyfold/authority.sha256

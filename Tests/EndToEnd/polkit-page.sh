@@ -86,18 +86,54 @@ red
 says "Certificate authority: Failed to install the certificate authority"
 refuse "without details" grep -q "Failed to install the certificate authority:" "$log"
 
-# It left the certificate behind, without trust: the admin domain, which this process may not write.
-fresh
-tool "mkdir -p -m 755 /Library /Library/Keychains $system_keychain
+# It left the certificate behind, without trust: the admin domain, which is written through the tool again.
+leaves="mkdir -p -m 755 /Library /Library/Keychains $system_keychain
 [ -e $system_keychain/cert9.db ] || certutil -N --empty-password -d sql:$system_keychain
 certutil -A -n 'Orvane Certification Authority' -t ,, -i /tmp/pki/authority.pem -d sql:$system_keychain
-chmod 644 $system_keychain/cert9.db $system_keychain/pkcs11.txt
+chmod 644 $system_keychain/cert9.db $system_keychain/pkcs11.txt"
+fresh
+tool "[ ! -e /tmp/failed ] || exec /tmp/security \"\$@\"
+: > /tmp/failed
+$leaves
+exit 1"
+page password
+green
+logs "Found 1 certificates"
+logs "No error"
+asked 1
+expect "the machine trusts the authority" trusted "Orvane Certification Authority"
+refuse "the user domain was left alone" user_trusts C,C,
+
+# It leaves it so again and again.
+fresh
+rm -r "$system_keychain" # a certificate that the tool did not add stays there
+tool "$leaves
 exit 1"
 page password
 red
 logs "Found 1 certificates"
-says "The Security Server denied authorization for one or more requested rights"
+says "The attempt to execute the tool failed to return a success or an error code"
+asked 1
 refuse "the user domain was left alone" user_trusts C,C,
+
+# The right is gone by then: an administrator's rule has it asked about every time.
+fresh
+rm -r "$system_keychain"
+cat > /etc/polkit-1/rules.d/10-keyfold.rules << RULE
+polkit.addRule(function (action, subject) {
+    if (action.id === "$admin")
+        return polkit.Result.AUTH_ADMIN;
+});
+RULE
+kill "$(pidof polkitd)"
+page password
+red
+logs "Found 1 certificates"
+says "The Security Server denied authorization for one or more requested rights"
+asked 2
+refuse "the user domain was left alone" user_trusts C,C,
+rm /etc/polkit-1/rules.d/10-keyfold.rules
+kill "$(pidof polkitd)"
 mv /tmp/security /usr/bin/security
 fresh
 # The real tool fails as well: a keychain that lost its keys is not taken for a new one.

@@ -27,6 +27,9 @@ with_agent hang "$rights" --cancel-after 1000
 says "obtained: -60006"
 asked 1
 expect "the agent's dialog was taken away" grep -qx cancel "$dialogs"
+with_agent password env KEYFOLD_AUTHORIZATION=none "$rights"
+says "obtained: -60005"
+asked 0
 mv "$policy" /tmp/policy
 kill "$(pidof polkitd)"
 with_agent password "$rights"
@@ -85,6 +88,29 @@ refuse "an impostor of the authority's name is not trusted" trusted "Orvane Cert
 with_agent password "$rights" run /bin/sh
 says "failed: -60005"
 asked 1
+
+# The admin domain of trust is written the same way: on the kept right, and without one refused at once.
+with_agent password "$rights" trust "$installed_authority" distrust "$installed_authority" trust "$installed_authority"
+says "trusted: 0"
+says "distrusted: 0"
+asked 1
+expect "the authority is trusted by the machine" trusted "Orvane Certification Authority"
+with_agent password "$rights" --none trust "$installed_authority" distrust "$installed_authority"
+says "trusted: -60005"
+says "distrusted: -60005"
+asked 0
+expect "the authority is trusted as before" trusted "Orvane Certification Authority"
+nothing_trusted
+with_agent password "$rights" trust /tmp/pki/another.der
+says "trusted: 0"
+asked 1 "$admin"
+asked 1 "$other"
+expect "another is trusted by the machine" trusted another
+nothing_trusted
+with_agent "password dismiss" "$rights" trust /tmp/pki/another.der
+says "trusted: -60006"
+refuse "another is not trusted" trusted another
+expect "no file of the way stays" [ -z "$(find /tmp -maxdepth 1 -name 'keyfold-*.der')" ]
 
 # Without its tool, and with one that fails.
 mv /usr/bin/security /tmp/security

@@ -32,6 +32,37 @@ asked 3 sudo
 with_agent "" "$rights" run /bin/sh
 says "failed: -60005"
 
+
+# The question about another certificate is dismissed, or not answered rightly.
+# later LINES: answers the first question and comes to these with the next.
+later() {
+    rm -f /tmp/answered
+    askpass "[ -e /tmp/answered ] || { : > /tmp/answered; exec cat /tmp/right; }
+$1"
+}
+later "exit 1"
+with_agent "" "$rights" add /tmp/pki/another.der
+says "failed: -60006 The user canceled the operation (-60006)"
+asked 2 sudo
+later "cat /tmp/wrong"
+with_agent "" "$rights" add /tmp/pki/another.der
+says "failed: -60005"
+later "exec sleep 1000"
+with_agent "" "$rights" --cancel-after 3000 add /tmp/pki/another.der
+says "failed: -60006"
+refuse "it is not trusted" trusted another
+
+# The admin domain: on what sudo remembers; without, nobody is asked.
+askpass "cat /tmp/right"
+with_agent "" "$rights" trust "$installed_authority"
+says "trusted: 0"
+asked 1 sudo
+expect "the authority is trusted by the machine" trusted "Orvane Certification Authority"
+nothing_trusted
+with_agent "" "$rights" --none trust "$installed_authority"
+says "trusted: -60005"
+asked 0 sudo
+
 askpass "cat /tmp/wrong"
 with_agent "" "$rights"
 says "obtained: -60005"
@@ -49,6 +80,12 @@ as_user="setpriv --reuid 4712 --regid 4712 --init-groups"
 with_agent "" "$rights"
 says "obtained: -60005"
 as_user="setpriv --reuid 4711 --regid 4711 --init-groups"
+
+# Rights that are given up stay so, whoever could be asked.
+askpass "cat /tmp/right"
+with_agent "" env KEYFOLD_AUTHORIZATION=none "$rights"
+says "obtained: -60005"
+asked 0 sudo
 
 # The page through sudo.
 member carol

@@ -479,12 +479,119 @@ TEST_F(TrustSettingsTest, RefusesSettingsThatItDoesNotUnderstand)
 TEST_F(TrustSettingsTest, AdminDomainIsRefusedAtOnceWithoutRights)
 {
     kf::test::RecordingAuthorization authorization;
+    authorization.refuse(errAuthorizationInteractionNotAllowed);
     const auto certificate = certificateOf(root());
     EXPECT_EQ(SecTrustSettingsSetTrustSettings(certificate, kSecTrustSettingsDomainAdmin, basicSetting()),
         errAuthorizationDenied);
     EXPECT_EQ(SecTrustSettingsRemoveTrustSettings(certificate, kSecTrustSettingsDomainAdmin), errAuthorizationDenied);
-    EXPECT_TRUE(authorization.asked().empty()) << "nobody is asked";
+    ASSERT_EQ(authorization.asked().size(), 2U);
+    for (const auto& asked : authorization.asked()) {
+        EXPECT_EQ(asked.right, "system.privilege.admin");
+        EXPECT_EQ(asked.flags & kAuthorizationFlagInteractionAllowed, 0U) << "nobody is asked";
+    }
+    EXPECT_TRUE(authorization.executed().empty());
     EXPECT_EQ(readTrust(systemKeychain(), root()).status(), errSecItemNotFound);
+}
+
+/// The tool of somebody who holds the right, which works on the system keychain of the test.
+class AdminDomainTest : public TrustSettingsTest {
+protected:
+    AdminDomainTest()
+    {
+        authorization_.setTool([this](const kf::authorization::ToolCommand& command) {
+            seen_ = kf::test::readFile(command.arguments.back());
+            return tool_();
+        });
+    }
+
+    OSStatus set(const Ref<NSObject>& settings = basicSetting(), Bytes der = root())
+    {
+        return SecTrustSettingsSetTrustSettings(certificateOf(std::move(der)), kSecTrustSettingsDomainAdmin, settings);
+    }
+    OSStatus remove()
+    {
+        return SecTrustSettingsRemoveTrustSettings(certificateOf(root()), kSecTrustSettingsDomainAdmin);
+    }
+    /// The words of the one execution, and that nothing of it is left.
+    std::vector<std::string> onlyWords() const
+    {
+        EXPECT_EQ(authorization_.executed().size(), 1U);
+        auto words = authorization_.executed().at(0).arguments;
+        EXPECT_TRUE(fs::path(words.back()).is_absolute());
+        EXPECT_FALSE(fs::exists(words.back())) << "the file that the tool read";
+        EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
+        words.pop_back();
+        return words;
+    }
+
+    kf::test::RecordingAuthorization authorization_;
+    std::function<int()> tool_ = [] { return 0; };
+    Bytes seen_; ///< what the tool was given
+};
+
+TEST_F(AdminDomainTest, IsWrittenByTheToolForWhoHoldsTheRight)
+{
+    tool_ = [] {
+        EXPECT_TRUE(writeTrust(systemKeychain(), root(), Trust{yes, no, yes, no}));
+        return 0;
+    };
+    EXPECT_EQ(set(), errSecSuccess);
+    EXPECT_THAT(onlyWords(),
+        testing::ElementsAre("add-trusted-cert", "-k", "/Library/Keychains/System.keychain", "-d", "-r", "trustRoot"));
+    EXPECT_EQ(authorization_.executed()[0].path, "/usr/bin/security");
+    EXPECT_EQ(seen_, root());
+    EXPECT_EQ(readTrust(defaultKeychain(), root()).status(), errSecItemNotFound);
+    EXPECT_EQ(evaluate({root()}), kSecTrustResultProceed);
+}
+
+TEST_F(AdminDomainTest, WhatStandsThereAfterTheToolCountsAndNotItsExitStatus)
+{
+    EXPECT_EQ(set(), errAuthorizationToolEnvironmentError) << "it ran in vain";
+    tool_ = [] {
+        EXPECT_TRUE(writeTrust(systemKeychain(), root(), Trust{denied, no, denied, no}));
+        return 0;
+    };
+    EXPECT_EQ(set(), errAuthorizationToolEnvironmentError) << "something else stands there";
+    tool_ = [] {
+        EXPECT_TRUE(writeTrust(systemKeychain(), root(), Trust{yes, no, yes, no}));
+        return 1; // the distribution's store did not take it
+    };
+    EXPECT_EQ(set(), errSecSuccess);
+}
+
+TEST_F(AdminDomainTest, TellsWhyTheToolWasNotStarted)
+{
+    for (const OSStatus status : {errAuthorizationCanceled, errAuthorizationToolExecuteFailure}) {
+        authorization_.failToLaunch(status);
+        EXPECT_EQ(set(), status);
+    }
+    EXPECT_EQ(readTrust(systemKeychain(), root()).status(), errSecItemNotFound);
+}
+
+TEST_F(AdminDomainTest, OtherKindsOfTrustTakeAnAdministratorHimself)
+{
+    for (const Ref<NSObject>& settings : {Ref<NSObject>(), Ref<NSObject>(basicSetting(kSecTrustSettingsResultDeny)),
+             Ref<NSObject>(basicSetting(kSecTrustSettingsResultUnspecified))})
+        EXPECT_EQ(set(settings), errAuthorizationDenied);
+    EXPECT_EQ(set(basicSetting(), leaf()), errAuthorizationDenied) << "it would be trusted by itself";
+    EXPECT_TRUE(authorization_.executed().empty());
+}
+
+TEST_F(AdminDomainTest, IsTakenBackByTheTool)
+{
+    EXPECT_EQ(remove(), errSecItemNotFound);
+    EXPECT_TRUE(authorization_.executed().empty());
+    ASSERT_TRUE(writeTrust(systemKeychain(), root(), Trust{yes, no, yes, no}));
+    tool_ = [] {
+        EXPECT_TRUE(kf::keychain::removeTrust(systemKeychain(), root()));
+        return 0;
+    };
+    EXPECT_EQ(remove(), errSecSuccess);
+    EXPECT_THAT(onlyWords(), testing::ElementsAre("remove-trusted-cert", "-d"));
+    EXPECT_EQ(seen_, root());
+    ASSERT_TRUE(writeTrust(systemKeychain(), root(), Trust{yes, no, yes, no}));
+    tool_ = [] { return 0; };
+    EXPECT_EQ(remove(), errAuthorizationToolEnvironmentError) << "it ran in vain";
 }
 
 TEST_F(TrustSettingsTest, AdminDomainLiesInTheSystemKeychain)

@@ -48,7 +48,7 @@ private:
             asked.push_back({right, flags});
             return refusal == errSecSuccess ? Status() : Status(Failure{refusal});
         }
-        Status execute(const kf::authorization::ToolCommand& command, std::FILE** pipe) override
+        Result<pid_t> execute(const kf::authorization::ToolCommand& command, std::FILE** pipe) override
         {
             executed.push_back(command);
             if (launchFailure != errSecSuccess || pipe)
@@ -57,7 +57,9 @@ private:
             const pid_t child = ::fork();
             if (child == 0)
                 ::_exit(status);
-            return child > 0 ? Status() : Status(Failure{errAuthorizationToolExecuteFailure});
+            if (child < 0)
+                return Failure{errAuthorizationToolExecuteFailure};
+            return child;
         }
         bool isAdministrator() const noexcept override { return administrator; }
 

@@ -190,6 +190,20 @@ TEST_F(PolicyFileTest, WhatACrashLeftBesideItIsGoneAfterwards)
     EXPECT_FALSE(fs::exists(leftover));
 }
 
+TEST_F(PolicyFileTest, WhatACrashLeftIsGoneAfterARunThatChangesNothing)
+{
+    ASSERT_EQ(put({item_}), "");
+    const std::string before = content();
+    const fs::path besidePolicies = path_.parent_path() / ".policies.json.keyfold-new";
+    const fs::path besideRecord = directory_ / "state/.record.keyfold-new";
+    writeFile(besidePolicies, std::string_view("{\"polic"));
+    writeFile(besideRecord, std::string_view("item"));
+    EXPECT_EQ(put({item_}), "");
+    EXPECT_EQ(content(), before);
+    EXPECT_FALSE(fs::exists(besidePolicies));
+    EXPECT_FALSE(fs::exists(besideRecord));
+}
+
 TEST_F(PolicyFileTest, ARecordThatCannotBeReadStopsEverything)
 {
     fs::create_directories(directory_ / "state/record");

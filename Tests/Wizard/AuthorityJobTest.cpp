@@ -1,6 +1,7 @@
 // What the first job shows, logs and leaves behind, row by row.
 
 #include "Keychain/KFUtilities.h"
+#include "Security/Keychain/KeychainAccess.h"
 #include "Security/Trust/DistributionStore.h"
 #include "Tests/Support/ScratchHome.h"
 #include "Tests/Wizard/JobCalls.h"
@@ -237,7 +238,7 @@ public:
     {
     }
     kf::Status obtainRight(const std::string&, AuthorizationFlags) override { return {}; }
-    kf::Status execute(const ToolCommand&, std::FILE** pipe) override
+    kf::Result<pid_t> execute(const ToolCommand&, std::FILE** pipe) override
     {
         return direct_.execute({"/bin/sh", {"-c", script_, argument_}}, pipe);
     }
@@ -280,6 +281,39 @@ TEST_F(AuthorityJob, WhatAFailingToolLeftBehindIsTrustedInTheAdminDomain)
     runAuthorityJob();
     expect(1, "Certificate authority is valid", false);
     EXPECT_EQ(userTrust(authority_, kSecTrustSettingsDomainAdmin), errSecSuccess);
+}
+
+TEST_F(AuthorityJob, TheAdminDomainIsWrittenThroughTheToolAsWell)
+{
+    memory_->create("/Library/Keychains/System.keychain");
+    authorization_.setTool([this](const ToolCommand&) {
+        if (authorization_.executed().size() == 1)
+            addToSystemKeychain(authority_);
+        else
+            EXPECT_TRUE(kf::keychain::writeTrust(systemKeychain(), shippedAuthority(),
+                {.server = kf::keychain::TrustLevel::trusted, .email = kf::keychain::TrustLevel::trusted}));
+        return 1;
+    });
+    runAuthorityJob();
+    expect(1, "Certificate authority is valid", false);
+    EXPECT_EQ(authorization_.executed().size(), 2U);
+    EXPECT_EQ(userTrust(authority_, kSecTrustSettingsDomainAdmin), errSecSuccess);
+    EXPECT_EQ(userTrust(authority_), errSecItemNotFound);
+}
+
+TEST_F(AuthorityJob, TheAdminDomainIsRefusedWhereTheRightIsGone)
+{
+    memory_->create("/Library/Keychains/System.keychain");
+    authorization_.setTool([this](const ToolCommand&) {
+        addToSystemKeychain(authority_);
+        authorization_.refuse(errAuthorizationInteractionNotAllowed);
+        return 1;
+    });
+    runAuthorityJob();
+    expect(0, "Failed to install the certificate authority:\n" + text(errAuthorizationDenied), true);
+    EXPECT_THAT(log_.lines(), ElementsAre("Found 1 certificates", text(errAuthorizationDenied)));
+    EXPECT_EQ(authorization_.executed().size(), 1U);
+    EXPECT_EQ(userTrust(authority_), errSecItemNotFound);
 }
 
 TEST_F(AuthorityJob, TellsWhyTrustCouldNotBeWritten)

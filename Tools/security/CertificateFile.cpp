@@ -13,7 +13,7 @@ namespace kf::security {
 
 namespace {
 
-constexpr std::size_t sizeLimit = 64 * 1024;
+constexpr std::size_t sizeLimit = 64UL * 1024;
 
 CertificateFile failed(std::string error) { return {std::nullopt, std::move(error)}; }
 

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t anchorSizeLimit = 256 * 1024;
+constexpr std::size_t anchorSizeLimit = 256UL * 1024;
 
 /// Reads DER from the blocks of a bundle, one after the other.
 Bytes nextCertificate(BIO* bundle)
@@ -140,7 +140,7 @@ std::optional<DistributionTrustStore::Layout> layoutFor(std::string_view osRelea
 
 std::optional<DistributionTrustStore::Layout> distributionLayout()
 {
-    constexpr std::size_t sizeLimit = 64 * 1024;
+    constexpr std::size_t sizeLimit = 64UL * 1024;
     for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
         if (const FileContent content = readFile(path, sizeLimit, true); content.text)
             return layoutFor(*content.text);

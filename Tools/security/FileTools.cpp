@@ -73,6 +73,17 @@ bool writeTemporary(const std::string& path, const std::string& content, mode_t 
     return false;
 }
 
+std::string removeEntry(const std::string& path)
+{
+    // Deleting would fail where nothing can be written, though there is nothing to delete.
+    struct stat status = {};
+    if (::lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
+        return {};
+    if (::unlink(path.c_str()) == 0 || errno == ENOENT)
+        return syncDirectory(directoryOf(path));
+    return "cannot delete " + path + ": " + errorText(errno);
+}
+
 FileContent notRead(int error) { return {std::nullopt, errorText(error), error == ENOENT}; }
 
 } // namespace
@@ -105,7 +116,7 @@ FileContent readFile(const std::string& path, std::size_t sizeLimit, bool follow
         return notRead(errno);
     if (!S_ISREG(status.st_mode))
         return {std::nullopt, "is not a regular file"};
-    constexpr std::size_t step = 64 * 1024;
+    constexpr std::size_t step = 64UL * 1024;
     std::string text;
     for (std::size_t length = 0; length <= sizeLimit;) {
         text.resize(std::min(length + step, sizeLimit + 1));
@@ -142,19 +153,12 @@ std::string writeFileAtomically(const std::string& path, const std::string& cont
     return {};
 }
 
+std::string removeLeftover(const std::string& path) { return removeEntry(temporaryOf(path)); }
+
 std::string removeFile(const std::string& path)
 {
-    bool isGone = false;
-    for (const std::string& name : {temporaryOf(path), path}) {
-        struct stat status = {};
-        if (::lstat(name.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
-            continue; // deleting would fail where nothing can be written, though there is nothing to delete
-        if (::unlink(name.c_str()) == 0 || errno == ENOENT)
-            isGone = true;
-        else
-            return "cannot delete " + name + ": " + errorText(errno);
-    }
-    return isGone ? syncDirectory(directoryOf(path)) : std::string();
+    std::string error = removeLeftover(path);
+    return error.empty() ? removeEntry(path) : error;
 }
 
 std::vector<std::string> missingDirectories(const std::string& directory)

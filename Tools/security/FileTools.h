@@ -33,6 +33,9 @@ FileContent readFile(const std::string& path, std::size_t sizeLimit, bool follow
 /// writer at a time. Gives what went wrong; empty for nothing.
 std::string writeFileAtomically(const std::string& path, const std::string& content, mode_t mode);
 
+/// Deletes what a crash left beside a file. Gives what went wrong; empty for nothing.
+std::string removeLeftover(const std::string& path);
+
 /// Deletes a file, and what a crash left beside it; none there is no failure.
 /// Gives what went wrong; empty for nothing.
 std::string removeFile(const std::string& path);

@@ -282,7 +282,7 @@ std::string PolicyFile::save()
         return removeFile(path_);
     }
     if (!isChanged())
-        return {};
+        return removeLeftover(path_);
     const std::string directory = std::filesystem::path(path_).parent_path().string();
     if (std::string error = record_.makeDirectory(directory); !error.empty())
         return error;

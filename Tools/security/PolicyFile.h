@@ -27,7 +27,7 @@ struct PolicyEntry {
 /// objects, lists and files are there on our account is remembered in a record.
 class PolicyFile {
 public:
-    static constexpr std::size_t sizeLimit = 4 * 1024 * 1024;
+    static constexpr std::size_t sizeLimit = 4UL * 1024 * 1024;
     static constexpr int depthLimit = 64;
 
     /// Reads it. Neither file nor record need to be there.

@@ -14,7 +14,7 @@ constexpr const char* userWord = "for ";
 std::string userLine(const Bytes& certificate) { return userWord + digestText(certificate); }
 
 /// The record's last word, whatever came of the change.
-Outcome finish(Outcome outcome, Record& record)
+Outcome finish(const Outcome& outcome, Record& record)
 {
     if (!record.hasPrefix(userWord))
         record.removeDirectories();

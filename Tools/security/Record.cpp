@@ -11,7 +11,7 @@ namespace kf::security {
 
 namespace {
 
-constexpr std::size_t sizeLimit = 1024 * 1024;
+constexpr std::size_t sizeLimit = 1024UL * 1024;
 constexpr const char* directoryWord = "directory ";
 
 std::string parentOf(const std::string& path) { return std::filesystem::path(path).parent_path().string(); }
@@ -56,9 +56,9 @@ std::string Record::write(const std::set<std::string>& lines)
 {
     if (!error_.empty())
         return error_;
-    // Without lines there may still be what a run left that did not come to its end.
+    // There may still be what a run left that did not come to its end.
     if (lines == saved_ && !lines.empty())
-        return {};
+        return removeLeftover(path_);
     std::string text;
     for (const std::string& line : lines)
         text += line + '\n';

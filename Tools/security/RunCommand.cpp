@@ -40,6 +40,7 @@ pid_t spawn(const std::vector<std::string>& words, int output)
     ::posix_spawn_file_actions_addchdir_np(&actions, "/");
     // posix_spawn takes pointers to mutable text for old times' sake and changes none.
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const auto& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
@@ -61,7 +62,7 @@ pid_t spawn(const std::vector<std::string>& words, int output)
 /// Keeps the beginning of what a command says: nobody reads on for ever.
 void append(std::string& text, int descriptor)
 {
-    constexpr std::size_t textLimit = 16 * 1024;
+    constexpr std::size_t textLimit = 16UL * 1024;
     std::array<char, 4096> buffer;
     for (;;) {
         const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());

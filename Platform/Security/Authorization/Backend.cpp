@@ -56,6 +56,9 @@ std::shared_ptr<Backend> setBackend(std::shared_ptr<Backend> backend)
 
 Status NoRightsBackend::obtainRight(const std::string&, AuthorizationFlags) { return Failure{refusal_}; }
 
-Status NoRightsBackend::execute(const ToolCommand&, std::FILE**) { return Failure{errAuthorizationToolExecuteFailure}; }
+Result<pid_t> NoRightsBackend::execute(const ToolCommand&, std::FILE**)
+{
+    return Failure{errAuthorizationToolExecuteFailure};
+}
 
 } // namespace kf::authorization

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace kf::authorization {
@@ -33,14 +34,14 @@ public:
     /// answer that nobody can give.
     virtual Status obtainRight(const std::string& right, AuthorizationFlags flags) = 0;
 
-    /// Starts a tool as administrator. After success it is a child of this
-    /// process that nobody has waited for, the only one that the call leaves;
-    /// after a failure there is none. The tool gets descriptors 0 to 2 only and
+    /// Starts a tool as administrator and gives its process number. It is a
+    /// child of this process that nobody has waited for, the only one that the
+    /// call leaves; after a failure there is none. The tool gets descriptors 0 to 2 only and
     /// every signal in its default state. With a `pipe` its standard input and
     /// output are one connection, whose other end `*pipe` receives, owned by the
     /// caller; without, its input is /dev/null and its output this process's.
     /// errAuthorizationToolExecuteFailure where it could not be started.
-    virtual Status execute(const ToolCommand& tool, std::FILE** pipe) = 0;
+    virtual Result<pid_t> execute(const ToolCommand& tool, std::FILE** pipe) = 0;
 
     /// Whether this process may itself change what belongs to the whole machine.
     virtual bool isAdministrator() const noexcept = 0;
@@ -51,7 +52,7 @@ public:
 class DirectBackend final : public Backend {
 public:
     Status obtainRight(const std::string& right, AuthorizationFlags flags) override;
-    Status execute(const ToolCommand& tool, std::FILE** pipe) override;
+    Result<pid_t> execute(const ToolCommand& tool, std::FILE** pipe) override;
     bool isAdministrator() const noexcept override { return true; }
 };
 
@@ -61,7 +62,7 @@ public:
     /// `refusal` is the code of every refused right.
     explicit NoRightsBackend(OSStatus refusal) noexcept : refusal_(refusal) { }
     Status obtainRight(const std::string& right, AuthorizationFlags flags) override;
-    Status execute(const ToolCommand& tool, std::FILE** pipe) override;
+    Result<pid_t> execute(const ToolCommand& tool, std::FILE** pipe) override;
     bool isAdministrator() const noexcept override { return false; }
 
 private:

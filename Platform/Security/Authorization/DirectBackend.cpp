@@ -11,7 +11,7 @@ Status DirectBackend::obtainRight(const std::string& right, AuthorizationFlags)
     return {};
 }
 
-Status DirectBackend::execute(const ToolCommand& tool, std::FILE** pipe)
+Result<pid_t> DirectBackend::execute(const ToolCommand& tool, std::FILE** pipe)
 {
     ToolPipe connection(pipe != nullptr);
     if (!connection)
@@ -21,7 +21,7 @@ Status DirectBackend::execute(const ToolCommand& tool, std::FILE** pipe)
     if (!child)
         return child.failure();
     connection.handTo(pipe);
-    return {};
+    return child;
 }
 
 } // namespace kf::authorization

@@ -46,7 +46,7 @@ Status InteractiveBackend::obtainRight(const std::string& right, AuthorizationFl
     return second || wasAnswered(second.status()) ? second : answer;
 }
 
-Status InteractiveBackend::execute(const ToolCommand& tool, std::FILE** pipe)
+Result<pid_t> InteractiveBackend::execute(const ToolCommand& tool, std::FILE** pipe)
 {
     return granting_.load()->execute(tool, pipe);
 }

@@ -17,7 +17,7 @@ public:
     InteractiveBackend(std::unique_ptr<Backend> first, std::unique_ptr<Backend> second) noexcept;
 
     Status obtainRight(const std::string& right, AuthorizationFlags flags) override;
-    Status execute(const ToolCommand& tool, std::FILE** pipe) override;
+    Result<pid_t> execute(const ToolCommand& tool, std::FILE** pipe) override;
     bool isAdministrator() const noexcept override { return false; }
 
 private:

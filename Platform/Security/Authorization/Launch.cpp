@@ -101,16 +101,16 @@ LaunchResult launch(std::vector<std::string> prefix, const char* way, const Tool
     if (isGivenUp && end == LaunchEnd::notReached)
         end = LaunchEnd::canceled;
     if (end != LaunchEnd::started)
-        return {end, waitForChild(*child)};
+        return {.end = end, .exitStatus = waitForChild(*child)};
     connection.handTo(pipe);
-    return {end};
+    return {.end = end, .child = *child};
 }
 
-Status statusOfLaunch(const LaunchResult& result, OSStatus notReached)
+Result<pid_t> resultOfLaunch(const LaunchResult& result, OSStatus notReached)
 {
     switch (result.end) {
     case LaunchEnd::started:
-        return {};
+        return result.child;
     case LaunchEnd::canceled:
         return Failure{errAuthorizationCanceled};
     case LaunchEnd::notReached:

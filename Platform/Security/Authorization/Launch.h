@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace kf::authorization {
@@ -21,6 +22,7 @@ enum class LaunchEnd {
 
 struct LaunchResult {
     LaunchEnd end;
+    pid_t child = -1;    ///< where it was started
     int exitStatus = -1; ///< where the launcher was not reached: of what should have led there
 };
 
@@ -32,6 +34,6 @@ LaunchResult launch(std::vector<std::string> prefix, const char* way, const Tool
     std::optional<std::vector<std::string>> environment, bool leadsGroup);
 
 /// What `execute` gives for a launch. `notReached` is the code for a launcher that did not run.
-Status statusOfLaunch(const LaunchResult& result, OSStatus notReached);
+Result<pid_t> resultOfLaunch(const LaunchResult& result, OSStatus notReached);
 
 } // namespace kf::authorization

@@ -33,12 +33,12 @@ Status PolkitBackend::obtainRight(const std::string& right, AuthorizationFlags f
     return checkAuthorization(right, (flags & kAuthorizationFlagInteractionAllowed) != 0, request);
 }
 
-Status PolkitBackend::execute(const ToolCommand& tool, std::FILE** pipe)
+Result<pid_t> PolkitBackend::execute(const ToolCommand& tool, std::FILE** pipe)
 {
     LaunchResult result = launchThrough(places_, wayOfTheAuthority, tool, pipe);
     if (result.end == LaunchEnd::notTheAuthority)
         result = launchThrough(places_, wayOfAnyCertificate, tool, pipe);
-    return statusOfLaunch(
+    return resultOfLaunch(
         result, result.exitStatus == exitStatusDismissed ? errAuthorizationCanceled : errAuthorizationDenied);
 }
 

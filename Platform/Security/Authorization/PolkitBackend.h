@@ -25,7 +25,7 @@ public:
     explicit PolkitBackend(Places places) : places_(std::move(places)) { }
 
     Status obtainRight(const std::string& right, AuthorizationFlags flags) override;
-    Status execute(const ToolCommand& tool, std::FILE** pipe) override;
+    Result<pid_t> execute(const ToolCommand& tool, std::FILE** pipe) override;
     bool isAdministrator() const noexcept override { return false; }
 
 private:

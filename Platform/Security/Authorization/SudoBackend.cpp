@@ -1,13 +1,13 @@
 #include "Security/Authorization/SudoBackend.h"
 
 #include "Security/Authorization/ChildProcess.h"
-#include "Security/Authorization/Launch.h"
 #include "Security/Authorization/OpenRequest.h"
 
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -53,8 +53,8 @@ Status statusOfRefusal(std::string_view messages)
     return Failure{tells("no password was provided") ? errAuthorizationCanceled : errAuthorizationDenied};
 }
 
-/// `sudo -A -v`: a question and nothing else.
-Status validate(const std::string& sudo)
+/// A question and nothing else; none where sudo remembers the person.
+Status ask(const std::string& sudo)
 {
     DescriptorPair messages = makePipe();
     if (!messages)
@@ -77,6 +77,20 @@ Status validate(const std::string& sudo)
     return request.isCanceled() ? Status(Failure{errAuthorizationCanceled}) : statusOfRefusal(text);
 }
 
+/// Runs sudo where it asks nobody and has nothing to say; whether it succeeded.
+bool runQuietly(const std::string& sudo, std::vector<std::string> arguments)
+{
+    const ScopedDescriptor null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    const auto child = startChild({.path = sudo, .arguments = std::move(arguments), .errors = null.get()});
+    return child && waitForChild(*child) == 0;
+}
+
+/// Whether sudo remembers the person.
+bool isRemembered(const std::string& sudo) { return runQuietly(sudo, {"-n", "-v"}); }
+
+/// Lets sudo forget the person.
+void forget(const std::string& sudo) { static_cast<void>(runQuietly(sudo, {"-k"})); }
+
 } // namespace
 
 bool SudoBackend::isUsable() const noexcept
@@ -90,19 +104,30 @@ Status SudoBackend::obtainRight(const std::string& right, AuthorizationFlags fla
 {
     if (right != administratorRight)
         return Failure{errAuthorizationDenied};
-    if ((flags & kAuthorizationFlagInteractionAllowed) == 0 || !isUsable())
-        return Failure{errAuthorizationInteractionNotAllowed};
-    return validate(places_.sudo);
+    constexpr Failure nobodyToAsk{errAuthorizationInteractionNotAllowed};
+    if (!isUsable())
+        return nobodyToAsk;
+    if ((flags & kAuthorizationFlagInteractionAllowed) != 0)
+        return ask(places_.sudo);
+    return isRemembered(places_.sudo) ? Status() : Status(nobodyToAsk);
 }
 
-Status SudoBackend::execute(const ToolCommand& tool, std::FILE** pipe)
+Result<LaunchResult> SudoBackend::askAndLaunch(const char* way, const ToolCommand& tool, std::FILE** pipe) const
 {
-    LaunchResult result =
-        launch({places_.sudo, "-A", "--", places_.launcher}, wayOfTheAuthority, tool, pipe, environmentForSudo(), true);
-    if (result.end == LaunchEnd::notTheAuthority)
-        result = launch({places_.sudo, "-A", "-k", "--", places_.launcher}, wayOfAnyCertificate, tool, pipe,
-            environmentForSudo(), true);
-    return statusOfLaunch(result, errAuthorizationDenied);
+    // Before the launch, for then what sudo says cannot be told from what the tool says.
+    if (const Status answer = ask(places_.sudo); !answer)
+        return answer.failure();
+    return launch({places_.sudo, "-A", "--", places_.launcher}, way, tool, pipe, environmentForSudo(), true);
+}
+
+Result<pid_t> SudoBackend::execute(const ToolCommand& tool, std::FILE** pipe)
+{
+    auto result = askAndLaunch(wayOfTheAuthority, tool, pipe);
+    if (result && result->end == LaunchEnd::notTheAuthority) {
+        forget(places_.sudo);
+        result = askAndLaunch(wayOfAnyCertificate, tool, pipe);
+    }
+    return result ? resultOfLaunch(*result, errAuthorizationDenied) : result.failure();
 }
 
 } // namespace kf::authorization
