@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <stdexcept>
 #include <string>
@@ -67,7 +66,7 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        return run(std::atoi(argv[1]), std::atof(argv[2]), argv[3], argv[4], argv[5]);
+        return run(std::stoi(argv[1]), std::stod(argv[2]), argv[3], argv[4], argv[5]);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "import_benchmark: %s\n", error.what());
         return 2;

@@ -60,6 +60,8 @@ public:
     {
         attachArguments = {*moduleGuid, *version, *memoryFuncs, subserviceID, subserviceType, attachFlags, keyHierarchy,
             functionTable, numFunctionTable, reserved};
+        // Left there where the call fails.
+        *moduleHandle = 99;
         return RecordingCssm::moduleAttach(moduleGuid, version, memoryFuncs, subserviceID, subserviceType, attachFlags,
             keyHierarchy, functionTable, numFunctionTable, reserved, moduleHandle);
     }
@@ -122,7 +124,9 @@ protected:
 TEST_F(CDSACspTest, StartsCssmOnce)
 {
     EXPECT_EQ(cssmStartup(), CSSM_OK);
+    EXPECT_EQ(cssmInitd, 1);
     EXPECT_EQ(cssmStartup(), CSSM_OK);
+    EXPECT_EQ(cssmInitd, 1);
     EXPECT_THAT(cssm.takeCalls(), ElementsAre("CSSM_Init"));
 }
 

@@ -18,6 +18,8 @@ public:
     std::vector<CSSM_FIELD> fields;
     /// What asking for the fields gives; CSSM_OK gives them.
     CSSM_RETURN error = CSSM_OK;
+    /// What freeing them gives.
+    CSSM_RETURN freeingError = CSSM_OK;
 
 private:
     class Session final : public CssmSession {
@@ -29,7 +31,12 @@ private:
                 return cssmFailure(owner_.error);
             return std::span<CSSM_FIELD>(owner_.fields);
         }
-        Status freeFields(std::span<CSSM_FIELD>) override { return {}; }
+        Status freeFields(std::span<CSSM_FIELD>) override
+        {
+            if (owner_.freeingError != CSSM_OK)
+                return cssmFailure(owner_.freeingError);
+            return {};
+        }
 
     private:
         FieldModule& owner_;

@@ -1,8 +1,10 @@
 #include "Certificates/NSData+KeyfoldAdditions.h"
 #include "Tests/Certificates/VectorFile.h"
 #include "Tests/Support/Fixtures.h"
+#include "Tests/Support/LibraryFunction.h"
 
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
 #include <openssl/err.h>
 
 #include <atomic>
@@ -12,6 +14,17 @@
 namespace {
 
 std::atomic<std::size_t> allocations{0};
+/// Which stream from now on finds no memory; 0: none.
+int failingStream = 0;
+
+/// Whether this is the one; tells it as libcrypto does.
+bool streamFails()
+{
+    if (failingStream == 0 || --failingStream > 0)
+        return false;
+    ERR_raise(ERR_LIB_BIO, ERR_R_MALLOC_FAILURE);
+    return true;
+}
 
 } // namespace
 
@@ -27,6 +40,19 @@ std::atomic<std::size_t> allocations{0};
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+// In front of libcrypto's.
+BIO* BIO_new(const BIO_METHOD* type)
+{
+    static const auto real = kf::test::libraryFunction(&BIO_new);
+    return streamFails() ? nullptr : real(type);
+}
+
+BIO* BIO_new_mem_buf(const void* bytes, int length)
+{
+    static const auto real = kf::test::libraryFunction(&BIO_new_mem_buf);
+    return streamFails() ? nullptr : real(bytes, length);
+}
 
 namespace kf::test {
 namespace {
@@ -187,6 +213,20 @@ TEST(Base64Encoding, BelongsToTheCallerAlone)
 {
     EXPECT_EQ(base64Encoding(dataOf("hel"))->retainCount(), 1U);
     EXPECT_FALSE(base64Encoding(nullptr));
+}
+
+TEST(Base64, GivesNothingWhereTheFilterFindsNoMemory)
+{
+    ERR_clear_error();
+    for (const int nth : {1, 2}) {
+        failingStream = nth;
+        EXPECT_EQ(decodedText("aGVsbG8="), "");
+        EXPECT_EQ(failingStream, 0);
+        failingStream = nth;
+        EXPECT_FALSE(base64Encoding(dataOf("hello")));
+        EXPECT_EQ(failingStream, 0);
+        EXPECT_EQ(ERR_get_error(), 0U);
+    }
 }
 
 TEST(HexString, HasTwoLowerCaseDigitsForAByte)

@@ -1,8 +1,10 @@
 // What happens where the keychain service cannot hand over a certificate. It
 // always can once it has made one, so these functions take the place of its own
-// in this program.
+// in this program. CSSM's own are seen through, for what no service behind them gets to see.
 #include "Certificates/X509Certificate.h"
+#include "Security/cssmapi.h"
 #include "Tests/Certificates/CertificateMaker.h"
+#include "Tests/Support/LibraryFunction.h"
 #include "Tests/Support/RecordingCssm.h"
 
 #include <gmock/gmock.h>
@@ -11,6 +13,12 @@ namespace {
 
 OSStatus identityStatus = errSecSuccess;
 OSStatus certificateStatus = errSecSuccess;
+int handlersGiven = 0;
+
+void count(CSSM_API_ModuleEventHandler handler, const void* context)
+{
+    handlersGiven += (handler ? 1 : 0) + (context ? 1 : 0);
+}
 
 } // namespace
 
@@ -22,6 +30,22 @@ OSStatus SecIdentityCopyCertificate(const SecIdentityRef& identity, SecCertifica
 }
 
 OSStatus SecCertificateGetData(const SecCertificateRef&, CSSM_DATA*) { return certificateStatus; }
+
+CSSM_RETURN CSSM_ModuleLoad(const CSSM_GUID* moduleGuid, CSSM_KEY_HIERARCHY keyHierarchy,
+    CSSM_API_ModuleEventHandler eventHandler, void* eventHandlerContext)
+{
+    static const auto real = kf::test::libraryFunction(&CSSM_ModuleLoad);
+    count(eventHandler, eventHandlerContext);
+    return real(moduleGuid, keyHierarchy, eventHandler, eventHandlerContext);
+}
+
+CSSM_RETURN CSSM_ModuleUnload(
+    const CSSM_GUID* moduleGuid, CSSM_API_ModuleEventHandler eventHandler, void* eventHandlerContext)
+{
+    static const auto real = kf::test::libraryFunction(&CSSM_ModuleUnload);
+    count(eventHandler, eventHandlerContext);
+    return real(moduleGuid, eventHandler, eventHandlerContext);
+}
 
 namespace kf::test {
 namespace {
@@ -62,6 +86,7 @@ TEST_F(UnreadableItemsTest, ACertificateWithoutBytesEndsInSilenceAndDetaches)
     EXPECT_EQ(printed, "");
     EXPECT_THAT(cssm.takeCalls(),
         ElementsAre("CSSM_Init", "CSSM_ModuleLoad", "CSSM_ModuleAttach", "CSSM_ModuleDetach", "CSSM_ModuleUnload"));
+    EXPECT_EQ(handlersGiven, 0);
 }
 
 } // namespace

@@ -597,6 +597,15 @@ TEST_F(OddFieldsTest, AttributeTypesAreComparedWhole)
     EXPECT_THAT(keysOf(subject), UnorderedElementsAre("CollectiveStateProvince", "Others"));
 }
 
+TEST_F(OddFieldsTest, FieldsThatCannotBeFreedSpoilNothing)
+{
+    module.freeingError = CSSMERR_CL_INTERNAL_ERROR;
+    module.fields = {fieldOf(CSSMOID_X509V1SubjectNameCStruct, name)};
+    testing::internal::CaptureStderr();
+    EXPECT_THAT(keysOf(extract()), ElementsAre("Subject"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(OddFieldsTest, AnErrorOfTheLibraryGivesNil)
 {
     module.error = CSSMERR_CL_MEMORY_ERROR;

@@ -56,6 +56,13 @@ TEST_F(CertificateTools, FindTwoHandlesOfOneCertificateEqual)
     const auto two = certificateOf(authority().root());
     EXPECT_TRUE(KeychainTools::certificateIsEqualToCertificate(one, two));
     EXPECT_FALSE(KeychainTools::certificateIsEqualToCertificate(one, certificateOf(authority().issuer())));
+    std::vector<CSSM_ALGORITHMS> algorithms;
+    platformCalls().createDigestContext = [&](CSSM_ALGORITHMS algorithm) {
+        algorithms.push_back(algorithm);
+        return CSSM_OK;
+    };
+    EXPECT_TRUE(KeychainTools::certificateIsEqualToCertificate(one, two));
+    EXPECT_THAT(algorithms, ElementsAre(CSSM_ALGID_SHA1, CSSM_ALGID_SHA1));
     EXPECT_THAT(lines_, IsEmpty());
 }
 
@@ -147,6 +154,35 @@ TEST_F(AttributeTools, AskForTheAttributeAloneAndFreeTheList)
     ASSERT_TRUE(read);
     EXPECT_EQ(Bytes(read->span().begin(), read->span().end()), Bytes({'a', 0, 'b'}));
     EXPECT_EQ(frees, 1);
+}
+
+TEST_F(AttributeTools, ReadNothingFromAListThatIsEmpty)
+{
+    SecKeychainAttributeList list{0, nullptr};
+    platformCalls().copyAttributes = [&](const auto&, auto*, auto*, SecKeychainAttributeList** attributes, auto*,
+                                         auto*) {
+        *attributes = &list;
+        return errSecSuccess;
+    };
+    platformCalls().freeAttributes = [](auto*, auto*) { return errSecIO; };
+    EXPECT_FALSE(KeychainTools::readAttribute(kSecLabelItemAttr, item_));
+    EXPECT_THAT(lines_, ElementsAre(lineOf("Got error ", errSecSuccess), "Got 0 attribute(s)"))
+        << "and nothing of the list that could not be freed";
+}
+
+TEST_F(AttributeTools, ReadAnAttributeThatCameWithAnError)
+{
+    std::uint8_t value[] = {'a'};
+    SecKeychainAttribute attribute{kSecLabelItemAttr, sizeof value, value};
+    SecKeychainAttributeList list{1, &attribute};
+    platformCalls().copyAttributes = [&](const auto&, auto*, auto*, SecKeychainAttributeList** attributes, auto*,
+                                         auto*) {
+        *attributes = &list;
+        return errSecIO;
+    };
+    platformCalls().freeAttributes = [](auto*, auto*) { return errSecSuccess; };
+    EXPECT_EQ(label(), "a") << "the list decides, not the status";
+    EXPECT_THAT(lines_, ElementsAre(lineOf("Got error ", errSecIO), "Got 1 attribute(s)"));
 }
 
 TEST_F(AttributeTools, WriteAnAttributeAndLogSuccessToo)

@@ -136,10 +136,8 @@ TEST_F(Identities, WithoutReadableCertificateAreLeftOut)
     const auto identity = onlyIdentity();
     replaceSearch({identity, identity}, errSecItemNotFound);
     platformCalls().copyCertificate = [calls = 0](const SecIdentityRef& of, SecCertificateRef* certificate) mutable {
-        if (++calls == 1)
-            return OSStatus{errSecInvalidItemRef};
         *certificate = of->certificate();
-        return OSStatus{errSecSuccess};
+        return ++calls == 1 ? OSStatus{errSecInvalidItemRef} : OSStatus{errSecSuccess};
     };
     EXPECT_EQ(countOf(KeychainTools::identitiesForEmailAddress("ada@orvane.example"_ns)), 1U);
     EXPECT_THAT(lines_, ElementsAre(lineOf("idea.cc: ", errSecInvalidItemRef)));
@@ -151,10 +149,8 @@ TEST_F(Identities, WithoutReadableAddressesAreLeftOut)
     const auto identity = onlyIdentity();
     replaceSearch({identity, identity}, errSecItemNotFound);
     platformCalls().copyEmailAddresses = [calls = 0](const auto&, Ref<NSArray>* addresses) mutable {
-        if (++calls == 1)
-            return OSStatus{errSecDecode};
         *addresses = NSArray::arrayWithObjects({"ada@orvane.example"_ns});
-        return OSStatus{errSecSuccess};
+        return ++calls == 1 ? OSStatus{errSecDecode} : OSStatus{errSecSuccess};
     };
     EXPECT_EQ(countOf(KeychainTools::identitiesForEmailAddress("ada@orvane.example"_ns)), 1U);
     EXPECT_THAT(lines_, ElementsAre(lineOf("idea.ea: ", errSecDecode)));
@@ -217,6 +213,32 @@ TEST_F(CertificatesForEmailAddress, AreSearchedByTheAliasAlone)
     EXPECT_FALSE(KeychainTools::certificatesForEmailAddress("zo\u00EB@orvane.example"_ns));
     EXPECT_EQ(alias, "zo\u00EB@orvane.example");
     EXPECT_THAT(lines_, ElementsAre(lineOf("SecKeychainSearchCreateFromAttributes failed: ", errSecNoSuchKeychain)));
+}
+
+TEST_F(CertificatesForEmailAddress, AreSearchedUpToAZeroByte)
+{
+    std::string alias;
+    platformCalls().createSearch = [&](const auto&, auto, const SecKeychainAttributeList* attributes, auto*) {
+        alias.assign(static_cast<const char*>(attributes->attr[0].data), attributes->attr[0].length);
+        return errSecParam;
+    };
+    KeychainTools::certificatesForEmailAddress(NSString::stringWithCharacters(std::u16string(u"ada\0@x", 6)));
+    EXPECT_EQ(alias, "ada");
+    const auto none = KeychainTools::certificatesForEmailAddress(NSString::stringWithCharacters(std::u16string(1, 0)));
+    EXPECT_EQ(countOf(none), 0U);
+    EXPECT_TRUE(none) << "an empty address is not searched for";
+}
+
+TEST_F(CertificatesForEmailAddress, AreNilWhereASearchCameWithAnError)
+{
+    SecKeychainSearchRef search;
+    ASSERT_EQ(SecKeychainSearchCreateFromAttributes(nullptr, kSecCertificateItemClass, nullptr, &search), 0);
+    platformCalls().createSearch = [&](const auto&, auto, auto*, SecKeychainSearchRef* made) {
+        *made = search;
+        return errSecIO;
+    };
+    EXPECT_FALSE(KeychainTools::certificatesForEmailAddress("ada@orvane.example"_ns));
+    EXPECT_THAT(lines_, ElementsAre(lineOf("SecKeychainSearchCreateFromAttributes failed: ", errSecIO)));
 }
 
 TEST_F(CertificatesForEmailAddress, AreDiscardedAtAFailureInTheMiddle)

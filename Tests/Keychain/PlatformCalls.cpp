@@ -182,7 +182,17 @@ CSSM_RETURN CSSM_ModuleLoad(const CSSM_GUID* moduleGuid, CSSM_KEY_HIERARCHY keyH
 {
     static const auto real = libraryFunction(&CSSM_ModuleLoad);
     const auto& replaced = platformCalls().moduleLoad;
-    return replaced ? replaced(moduleGuid) : real(moduleGuid, keyHierarchy, eventHandler, eventHandlerContext);
+    return replaced ? replaced(moduleGuid, eventHandler, eventHandlerContext)
+                    : real(moduleGuid, keyHierarchy, eventHandler, eventHandlerContext);
+}
+
+CSSM_RETURN CSSM_CSP_CreateDigestContext(
+    CSSM_CSP_HANDLE cspHandle, CSSM_ALGORITHMS algorithm, CSSM_CC_HANDLE* contextHandle)
+{
+    static const auto real = libraryFunction(&CSSM_CSP_CreateDigestContext);
+    const auto& replaced = platformCalls().createDigestContext;
+    const CSSM_RETURN error = replaced ? replaced(algorithm) : CSSM_OK;
+    return error == CSSM_OK ? real(cspHandle, algorithm, contextHandle) : error;
 }
 
 CSSM_RETURN CSSM_DigestData(
@@ -196,9 +206,9 @@ CSSM_RETURN CSSM_DigestData(
 CSSM_RETURN CSSM_ModuleDetach(CSSM_MODULE_HANDLE moduleHandle)
 {
     static const auto real = libraryFunction(&CSSM_ModuleDetach);
-    if (const auto& seen = platformCalls().willDetach)
-        seen(moduleHandle);
-    return real(moduleHandle);
+    const CSSM_RETURN error = real(moduleHandle);
+    const auto& replaced = platformCalls().moduleDetach;
+    return replaced ? replaced(moduleHandle) : error;
 }
 
 pid_t waitpid(pid_t child, int* status, int options)

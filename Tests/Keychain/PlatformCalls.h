@@ -43,9 +43,12 @@ struct PlatformCalls {
     std::function<Ref<NSString>(OSStatus)> errorMessage;
     std::function<OSStatus(const AuthorizationRef&, const char*, AuthorizationFlags, char* const*, std::FILE**)>
         executeWithPrivileges;
-    std::function<CSSM_RETURN(const CSSM_GUID*)> moduleLoad;
+    std::function<CSSM_RETURN(const CSSM_GUID*, CSSM_API_ModuleEventHandler, void*)> moduleLoad;
+    /// Where this gives CSSM_OK, the platform makes the context.
+    std::function<CSSM_RETURN(CSSM_ALGORITHMS)> createDigestContext;
     std::function<CSSM_RETURN(CSSM_CC_HANDLE)> digestData;
-    std::function<void(CSSM_MODULE_HANDLE)> willDetach;
+    /// The platform has detached already; what it gave is replaced.
+    std::function<CSSM_RETURN(CSSM_MODULE_HANDLE)> moduleDetach;
     std::function<int(int*, int)> waitForAnyChild;
 };
 

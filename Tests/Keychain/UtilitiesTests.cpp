@@ -73,12 +73,19 @@ TEST_F(Digests, OfUnreadableCertificatesAreNilAndLogged)
     platformCalls().certificateData = [](const auto&, auto*) { return errSecDecode; };
     EXPECT_FALSE(KFUtilities::digestForCertificate(certificateOf(authority().root()), CSSM_ALGID_SHA1));
     EXPECT_THAT(lines_, ElementsAre(lineOf("DFC:SecCertificateGetData: ", errSecDecode)));
+    lines_.clear();
+    platformCalls().errorMessage = [](OSStatus) -> Ref<NSString> { return nullptr; };
+    EXPECT_FALSE(KFUtilities::digestForCertificate(certificateOf(authority().root()), CSSM_ALGID_SHA1));
+    EXPECT_THAT(lines_, ElementsAre("DFC:SecCertificateGetData: (null)"));
 }
 
 TEST_F(Digests, DetachTheServiceOnce)
 {
     std::vector<CSSM_MODULE_HANDLE> detached;
-    platformCalls().willDetach = [&](CSSM_MODULE_HANDLE handle) { detached.push_back(handle); };
+    platformCalls().moduleDetach = [&](CSSM_MODULE_HANDLE handle) {
+        detached.push_back(handle);
+        return CSSM_OK;
+    };
     ASSERT_TRUE(KFUtilities::sha1DigestForData(dataOf({'a'})));
     EXPECT_EQ(detached.size(), 1U);
     EXPECT_FALSE(KFUtilities::digestForCssmData({}, 9));
@@ -88,8 +95,16 @@ TEST_F(Digests, DetachTheServiceOnce)
 TEST_F(Digests, AreNilWhereTheServiceCannotBeAttached)
 {
     int detaches = 0;
-    platformCalls().willDetach = [&](auto) { ++detaches; };
-    platformCalls().moduleLoad = [](const CSSM_GUID*) { return CSSMERR_CSSM_ADDIN_LOAD_FAILED; };
+    platformCalls().moduleDetach = [&](auto) {
+        ++detaches;
+        return CSSM_OK;
+    };
+    platformCalls().moduleLoad = [](const CSSM_GUID* guid, auto* handler, void* context) {
+        EXPECT_EQ(*guid, gGuidAppleCSP);
+        EXPECT_EQ(handler, nullptr);
+        EXPECT_EQ(context, nullptr);
+        return CSSMERR_CSSM_ADDIN_LOAD_FAILED;
+    };
     testing::internal::CaptureStderr();
     EXPECT_FALSE(KFUtilities::sha1DigestForData(dataOf({'a'})));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "cdsaCspAttach: The security module could not be loaded.\n");
@@ -102,13 +117,30 @@ TEST_F(Digests, AreNilWhereTheServiceCannotBeAttached)
 TEST_F(Digests, AreNilWhereTheServiceFailsAndDetachIt)
 {
     int detaches = 0;
-    platformCalls().willDetach = [&](auto) { ++detaches; };
+    platformCalls().moduleDetach = [&](auto) {
+        ++detaches;
+        return CSSM_OK;
+    };
     platformCalls().digestData = [](CSSM_CC_HANDLE) { return CSSMERR_CSSM_MEMORY_ERROR; };
     testing::internal::CaptureStderr();
     EXPECT_FALSE(KFUtilities::sha1DigestForData(dataOf({'a'})));
-    EXPECT_EQ(
-        testing::internal::GetCapturedStderr(), "cdsaDigest: The security services manager has no memory left.\n");
-    EXPECT_EQ(detaches, 1);
+    platformCalls().digestData = nullptr;
+    platformCalls().createDigestContext = [](CSSM_ALGORITHMS) { return CSSMERR_CSP_INVALID_ALGORITHM; };
+    EXPECT_FALSE(KFUtilities::sha1DigestForData(dataOf({'a'})));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+        "cdsaDigest: The security services manager has no memory left.\n"
+        "cdsaDigest: The algorithm is unknown to the cryptographic service.\n");
+    EXPECT_EQ(detaches, 2);
+    EXPECT_THAT(lines_, IsEmpty());
+}
+
+TEST_F(Digests, AreGivenInSilenceWhereTheServiceCannotBeDetached)
+{
+    platformCalls().moduleDetach = [](auto) { return CSSMERR_CSSM_INTERNAL_ERROR; };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(hexadecimal(KFUtilities::sha1DigestForData(dataOf({'a', 'b', 'c'}))),
+        "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_THAT(lines_, IsEmpty());
 }
 
@@ -323,7 +355,11 @@ TEST_F(BasicX509Policy, IsThePlatforms)
 
 TEST_F(BasicX509Policy, IsNullWhereItCannotBeFound)
 {
-    platformCalls().policySearchNext = [](const auto&, auto*) { return errSecItemNotFound; };
+    const auto policy = KFSecPolicyCreateBasicX509();
+    platformCalls().policySearchNext = [&](const auto&, SecPolicyRef* found) {
+        *found = policy;
+        return errSecItemNotFound;
+    };
     EXPECT_FALSE(KFSecPolicyCreateBasicX509());
     platformCalls().createPolicySearch = [](CSSM_CERT_TYPE type, const CSSM_OID* identifier, const CSSM_DATA* value,
                                              auto*) {
