@@ -1,6 +1,6 @@
 // import_benchmark RUNS LIMIT OURS YARDSTICK PREPARE: times two shell commands against each other, process against
-// process, in interleaved runs; PREPARE runs before each of them, outside the measurement. Prints both medians and their
-// ratio. Exit status 1 where the ratio passes LIMIT, 2 where a command fails.
+// process, in interleaved runs; PREPARE runs before each of them, outside the measurement. Prints both medians and
+// their ratio. Exit status 1 where the ratio passes LIMIT, 2 where a command fails.
 
 #include <algorithm>
 #include <chrono>
@@ -53,7 +53,7 @@ int run(int runs, double limit, const std::string& ours, const std::string& yard
     }
     const double ratio = median(oursTimes) / median(yardstickTimes);
     std::printf("ours %.1f ms, yardstick %.1f ms, ratio %.2f (at most %.2f), median of %d interleaved runs\n",
-                median(oursTimes), median(yardstickTimes), ratio, limit, runs);
+        median(oursTimes), median(yardstickTimes), ratio, limit, runs);
     return ratio <= limit ? 0 : 1;
 }
 

@@ -1,5 +1,5 @@
-// import_once BUNDLE PASSPHRASE-FILE: imports a PKCS#12 bundle into the default keychain of $HOME, and nothing else. The
-// counterpart of `pk12util -i` in the benchmark.
+// import_once BUNDLE PASSPHRASE-FILE: imports a PKCS#12 bundle into the default keychain of $HOME, and nothing else.
+// The counterpart of `pk12util -i` in the benchmark.
 
 #include "Foundation/NSData.h"
 #include "Security/SecKeychainItem.h"
@@ -30,11 +30,11 @@ int main(int argc, char** argv)
     OSStatus status = SecKeychainCopyDefault(&keychain);
     if (status == errSecSuccess) {
         status = SecKeychainItemImport(NSData::dataWithContentsOfFile(NSString::stringWithUTF8String(argv[1])),
-                                       "p12"_ns, &format, &type, 0, &parameters, keychain, &items);
+            "p12"_ns, &format, &type, 0, &parameters, keychain, &items);
     }
     if (status != errSecSuccess) {
-        std::fprintf(stderr, "import_once: %s (%d)\n", toUTF8(SecCopyErrorMessageString(status, nullptr)).c_str(),
-                     status);
+        std::fprintf(
+            stderr, "import_once: %s (%d)\n", toUTF8(SecCopyErrorMessageString(status, nullptr)).c_str(), status);
         return 1;
     }
     std::printf("Imported %llu items\n", static_cast<unsigned long long>(countOf(items)));

@@ -34,7 +34,6 @@
 #endif
 
 using namespace KFRegexAdditions;
-using benchmark::DoNotOptimize;
 using benchmark::State;
 
 namespace {

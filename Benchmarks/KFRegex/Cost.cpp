@@ -129,13 +129,15 @@ Case split()
 }
 
 constexpr int matchCount = 5000;
+constexpr auto rangeCount = std::size_t{matchCount} * 4;
 
 Case rawFindAll()
 {
     return with(subjects::assignments(matchCount, 'a'), subjects::assignments(matchCount, 'b'),
         [regex = std::shared_ptr(raw::open(subjects::findPattern)),
-            found = std::vector<std::pair<std::int32_t, std::int32_t>>(matchCount * 4)](const Texts& texts,
-            int i) mutable { require(raw::ranges(regex.get(), texts.units[i], 3, found) == matchCount * 4); });
+            found = std::vector<std::pair<std::int32_t, std::int32_t>>(rangeCount)](const Texts& texts, int i) mutable {
+            require(raw::ranges(regex.get(), texts.units[i], 3, found) == rangeCount);
+        });
 }
 
 Case findAll()
@@ -208,7 +210,7 @@ int main(int argc, char** argv)
         return 2;
     }
     const Case run = found->second();
-    const int iterations = std::atoi(argv[2]);
+    const int iterations = std::stoi(argv[2]);
     for (int i = 0; i < iterations; ++i)
         run(i);
 }

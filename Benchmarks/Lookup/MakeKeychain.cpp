@@ -115,9 +115,10 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: make_keychain DIRECTORY COUNT\n");
         return 2;
     }
+    const int count = std::stoi(argv[2]);
     const ScopedEVP_PKEY authority(EVP_RSA_gen(2048));
     const auto made = writeDatabase(argv[1], Access::create, [&](Database& database, WriteTurn&) -> Status {
-        for (int number = 0; number < std::atoi(argv[2]); ++number) {
+        for (int number = 0; number < count; ++number) {
             const bool hasKey = number % 10 == 0;
             const ScopedEVP_PKEY key = hasKey ? ScopedEVP_PKEY(EVP_EC_gen("P-256")) : randomRSA();
             const Bytes der = certify(number, key.get(), authority.get());

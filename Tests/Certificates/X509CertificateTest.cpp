@@ -216,8 +216,10 @@ TEST(X509Certificate, LeavesIA5StringsOut)
 {
     CertificateMaker maker;
     // domainComponent is of an unknown type and an IA5String too.
-    const auto subject = subjectOf(maker.openssl("/CN=Ada/emailAddress=ada@orvane.example/DC=example"));
-    EXPECT_THAT(keysOf(subject), ElementsAre("CommonName"));
+    EXPECT_THAT(keysOf(subjectOf(maker.openssl("/CN=Ada/emailAddress=ada@orvane.example/DC=example"))),
+        ElementsAre("CommonName"));
+    EXPECT_THAT(keysOf(subjectOf(maker.certtool("dn = \"cn=Ada,email=ada@orvane.example,dc=example\"\n"))),
+        ElementsAre("CommonName"));
 }
 
 TEST(X509Certificate, AnEmptySubjectIsAnEmptyDictionary)
@@ -431,8 +433,9 @@ TEST_F(CertificateLibraryTest, AttachesAsItselfWithMemoryOfItsOwn)
             EXPECT_EQ(reserved, nullptr);
             auto* memory = static_cast<std::uint8_t*>(memoryFuncs->calloc_func(3, 5, nullptr));
             EXPECT_THAT(std::vector(memory, memory + 15), testing::Each(0));
+            memory[14] = 7;
             memory = static_cast<std::uint8_t*>(memoryFuncs->realloc_func(memory, 4000, nullptr));
-            EXPECT_EQ(memory[14], 0);
+            EXPECT_EQ(memory[14], 7);
             memoryFuncs->free_func(memory, nullptr);
             return RecordingCssm::moduleAttach(moduleGuid, version, memoryFuncs, subserviceID, subserviceType,
                 attachFlags, keyHierarchy, functionTable, numFunctionTable, reserved, moduleHandle);

@@ -79,6 +79,14 @@ TEST_F(Digests, OfUnreadableCertificatesAreNilAndLogged)
     EXPECT_THAT(lines_, ElementsAre("DFC:SecCertificateGetData: (null)"));
 }
 
+TEST_F(Digests, OfBytesThatAreNotThereAreNilAndPrinted)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(KFUtilities::digestForCssmData({3, nullptr}, CSSM_ALGID_MD5));
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(), "cdsaDigest: The cryptographic service was given invalid input.\n");
+}
+
 TEST_F(Digests, DetachTheServiceOnce)
 {
     std::vector<CSSM_MODULE_HANDLE> detached;

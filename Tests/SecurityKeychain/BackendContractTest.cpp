@@ -267,6 +267,25 @@ TEST_P(BackendContract, LabelsAreWrittenUnlessAnotherSubjectBearsThem)
     EXPECT_THAT(labels(database), ElementsAre("", "Grace"));
 }
 
+TEST_P(BackendContract, LabelsAreKeptByteForByte)
+{
+    Database& database = create();
+    const auto key = kf::test::parsed(ada()).key;
+    const auto turn = database.beginWriting();
+    add(database, ada().leaf, "Ada");
+    ASSERT_EQ(database.addPrivateKey(key).status(), errSecSuccess);
+    for (const std::string& label : {std::string("\xC3\x85se \xE5\xAD\xA6"), std::string("a\0b", 3),
+             std::string("\xFF\xC3"), std::string("'; --\n\t\x7F"), std::string(100'000, 'x')}) {
+        EXPECT_EQ(database.setCertificateLabel(ada().leaf, label).status(), errSecSuccess);
+        EXPECT_THAT(labels(database), ElementsAre(label));
+        EXPECT_EQ(database.setPrivateKeyLabel(key.id, label).status(), errSecSuccess);
+        EXPECT_EQ(database.privateKeys()->front().label, label);
+        ASSERT_EQ(database.removeCertificate(ada().leaf).status(), errSecSuccess);
+        add(database, ada().leaf, label);
+        EXPECT_THAT(labels(database), ElementsAre(label));
+    }
+}
+
 TEST_P(BackendContract, TrustIsWrittenReplacedAndRemoved)
 {
     Database& database = create();

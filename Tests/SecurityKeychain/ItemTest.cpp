@@ -305,6 +305,9 @@ TEST_F(Items, EveryAttributeFindsItsCertificateAndTwoMustBothMatch)
     EXPECT_EQ(count(kSecCertificateType, std::string("\x03\0\0\0", 4)), 3U);
     EXPECT_EQ(count(kSecCertificateType, std::string("\x02\0\0\0", 4)), 0U);
     EXPECT_EQ(count(kSecCertificateEncoding, std::string("\x03\0\0\0", 4)), 3U);
+    EXPECT_EQ(count(kSecCertificateEncoding, std::string("\x02\0\0\0", 4)), 0U);
+    EXPECT_EQ(find(nullptr, kSecPrivateKeyItemClass, kSecPublicKeyHashItemAttr, text(fields->keyId)).items.size(), 1U);
+    EXPECT_EQ(find(nullptr, kSecPrivateKeyItemClass, kSecPublicKeyHashItemAttr, "x").items.size(), 0U);
 
     std::string alias = "ada@orvane.example";
     std::string label = "Somebody";
@@ -497,6 +500,130 @@ TEST_F(Items, AttributesAndDataAreCopiedTogether)
     EXPECT_EQ(Bytes(static_cast<std::uint8_t*>(data), static_cast<std::uint8_t*>(data) + length), ada().leaf);
     EXPECT_EQ(SecKeychainItemFreeAttributesAndData(list, data), errSecSuccess);
     EXPECT_EQ(SecKeychainItemFreeAttributesAndData(nullptr, nullptr), errSecSuccess);
+}
+
+TEST_F(Items, AttributesReadWhatTheCertificateSays)
+{
+    const auto stored = importAda();
+    const auto fields = kf::readCertificateFields(ada().leaf);
+    const auto text = [](std::span<const std::uint8_t> bytes) { return std::string(asText(bytes)); };
+    for (const auto& item : {stored, looseCertificate(ada().leaf)}) {
+        EXPECT_EQ(attributeText(item, kSecLabelItemAttr), "Ada Example");
+        EXPECT_EQ(attributeText(item, kSecAliasItemAttr), "ada@orvane.example");
+        EXPECT_EQ(attributeText(item, kSecSubjectItemAttr), text(fields->subject));
+        EXPECT_EQ(attributeText(item, kSecIssuerItemAttr), text(fields->issuer));
+        EXPECT_EQ(attributeText(item, kSecSubjectKeyIdentifierItemAttr), text(fields->subjectKeyIdentifier));
+        EXPECT_EQ(attributeText(item, kSecPublicKeyHashItemAttr), text(fields->keyId));
+        EXPECT_EQ(attributeText(item, kSecCertificateType), std::string("\x03\0\0\0", 4));
+        EXPECT_EQ(attributeText(item, kSecCertificateEncoding), std::string("\x03\0\0\0", 4));
+        std::string serial = "serial=";
+        for (const char byte : attributeText(item, kSecSerialNumberItemAttr)) {
+            char digits[3];
+            std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned char>(byte));
+            serial += digits;
+        }
+        EXPECT_EQ(kf::test::mustRun({"openssl", "x509", "-noout", "-serial", "-in", ada().certFile}), serial + "\n");
+    }
+    EXPECT_EQ(attributeText(looseCertificate(authority().root()), kSecAliasItemAttr), "Orvane Certification Authority")
+        << "without an address the common name";
+    const auto key = find(nullptr, kSecPrivateKeyItemClass).items.at(0);
+    EXPECT_EQ(attributeText(key, kSecPublicKeyHashItemAttr), text(fields->keyId));
+    EXPECT_EQ(attributeText(key, kSecLabelItemAttr), kf::test::parsed(ada()).key.label);
+}
+
+TEST_F(Items, AnItemWhoseKeychainIsGoneIsGoneToo)
+{
+    const auto elsewhere = keychainAt("/elsewhere");
+    memory_->create("/elsewhere");
+    ASSERT_EQ(import(elsewhere, ada()), errSecSuccess);
+    const auto certificate = find(elsewhere, kSecCertificateItemClass).items.at(0);
+    const auto key = find(elsewhere, kSecPrivateKeyItemClass).items.at(0);
+    memory_->erase("/elsewhere");
+    for (const auto& item : {certificate, key}) {
+        OSStatus status = errSecSuccess;
+        EXPECT_EQ(attributeText(item, kSecLabelItemAttr, &status), "");
+        EXPECT_EQ(status, errSecInvalidItemRef);
+        EXPECT_EQ(writeAttribute(item, kSecLabelItemAttr, "x"), errSecInvalidItemRef);
+        EXPECT_EQ(SecKeychainItemDelete(item), errSecInvalidItemRef);
+    }
+    EXPECT_FALSE(memory_->exists("/elsewhere"));
+}
+
+TEST_F(Items, AnItemOfAnotherClassIsAnother)
+{
+    // Both have the digest of these bytes.
+    const auto certificate = importAda();
+    const SecKeychainItemRef key = makeRef<SecKey>(ada().leaf, defaultKeychain());
+    EXPECT_EQ(certificate->digest(), key->digest());
+    EXPECT_FALSE(CFEqual(certificate, key));
+    EXPECT_FALSE(CFEqual(looseCertificate(ada().leaf), certificate));
+}
+
+TEST_F(Items, CallsThatFailLeaveNothingInTheirResults)
+{
+    const auto certificate = importAda();
+    const auto identity = identities().at(0);
+    SecKeychainItemRef item = certificate;
+    EXPECT_EQ(SecKeychainSearchCopyNext(nullptr, &item), errSecInvalidSearchRef);
+    EXPECT_FALSE(item);
+    SecKeychainSearchRef search;
+    ASSERT_EQ(SecKeychainSearchCreateFromAttributes(nullptr, kSecCertificateItemClass, nullptr, &search), 0);
+    EXPECT_EQ(SecKeychainSearchCreateFromAttributes(nullptr, 7, nullptr, &search), errSecNoSuchClass);
+    EXPECT_FALSE(search);
+    SecIdentitySearchRef identitySearch;
+    ASSERT_EQ(SecIdentitySearchCreate(nullptr, 0, &identitySearch), errSecSuccess);
+    EXPECT_EQ(SecIdentitySearchCreate(nullptr, 1, &identitySearch), errSecParam);
+    EXPECT_FALSE(identitySearch);
+    SecIdentityRef found = identity;
+    EXPECT_EQ(SecIdentitySearchCopyNext(nullptr, &found), errSecInvalidSearchRef);
+    EXPECT_FALSE(found);
+    found = identity;
+    EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, nullptr, &found), errSecParam);
+    EXPECT_FALSE(found);
+    SecCertificateRef copied = certificate;
+    EXPECT_EQ(SecIdentityCopyCertificate(nullptr, &copied), errSecParam);
+    EXPECT_FALSE(copied);
+    SecKeyRef key = identity->privateKey();
+    EXPECT_EQ(SecIdentityCopyPrivateKey(nullptr, &key), errSecParam);
+    EXPECT_FALSE(key);
+    copied = certificate;
+    EXPECT_EQ(SecCertificateCreateFromData(nullptr, 3, 3, &copied), errSecParam);
+    EXPECT_FALSE(copied);
+    auto addresses = NSArray::array();
+    EXPECT_EQ(SecCertificateCopyEmailAddresses(nullptr, &addresses), errSecParam);
+    EXPECT_FALSE(addresses);
+    auto keychain = defaultKeychain();
+    EXPECT_EQ(SecKeychainItemCopyKeychain(nullptr, &keychain), errSecInvalidItemRef);
+    EXPECT_FALSE(keychain);
+    std::uint32_t length = 1;
+    void* data = &length;
+    SecKeychainAttributeList none{0, nullptr};
+    SecKeychainAttributeList* list = &none;
+    EXPECT_EQ(
+        SecKeychainItemCopyAttributesAndData(nullptr, nullptr, nullptr, &list, &length, &data), errSecInvalidItemRef);
+    EXPECT_EQ(length, 0U);
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(list, nullptr);
+}
+
+TEST_F(Items, ListsWithoutTheirContentAreRefused)
+{
+    const auto certificate = importAda();
+    SecKeychainAttribute attribute{kSecLabelItemAttr, 3, nullptr};
+    const SecKeychainAttributeList withoutValue{1, &attribute};
+    const SecKeychainAttributeList withoutAttributes{1, nullptr};
+    const SecKeychainAttributeList empty{0, nullptr};
+    for (const auto* list : {&withoutValue, &withoutAttributes}) {
+        SecKeychainSearchRef search;
+        EXPECT_EQ(SecKeychainSearchCreateFromAttributes(nullptr, kSecCertificateItemClass, list, &search), errSecParam);
+        EXPECT_EQ(SecKeychainItemModifyAttributesAndData(certificate, list, 0, nullptr), errSecParam);
+    }
+    EXPECT_EQ(SecKeychainItemModifyAttributesAndData(certificate, &empty, 0, nullptr), errSecSuccess);
+    const SecKeychainAttributeInfo withoutTags{1, nullptr, nullptr};
+    SecKeychainAttributeList* read = nullptr;
+    EXPECT_EQ(
+        SecKeychainItemCopyAttributesAndData(certificate, &withoutTags, nullptr, &read, nullptr, nullptr), errSecParam);
+    EXPECT_EQ(attributeText(certificate, kSecLabelItemAttr), "Ada Example");
 }
 
 TEST_F(Items, AnAttributeThatTheClassLacksGivesNothing)
