@@ -1,5 +1,6 @@
 #include "KFWizard/WizardWindow.h"
 
+#include "AppKit/Looks.h"
 #include "AppKit/Text.h"
 #include "KFWizard/KFWizardPane.h"
 #include "KFWizard/PageArea.h"
@@ -66,6 +67,7 @@ WizardWindow::WizardWindow(QWidget* parent) : QDialog(parent)
     layout->addLayout(body, 1);
     layout->addWidget(rule());
     layout->addLayout(makeFooter());
+    shapeTexts(*this);
 }
 
 // Room for the same text whatever the font, as far as the screen has it.
@@ -258,6 +260,7 @@ void WizardWindow::showPage(QWidget* page, const QString& title)
             return;
         }
     }
+    shapeTexts(*page);
     auto* area = new PageArea(page, margin);
     area->setAccessibleName(title);
     // Queued: a page that is being laid out is not the moment to resize the window around it.

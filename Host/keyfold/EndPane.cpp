@@ -1,25 +1,45 @@
 #include "keyfold/EndPane.h"
 
+#include "AppKit/Looks.h"
 #include "Foundation/NSData.h"
 #include "Security/SecIdentity.h"
 
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPainter>
 #include <QVBoxLayout>
 
 namespace kf {
 
 namespace {
 
-void fill(QLabel* label, const QStringList& lines)
-{
-    label->setText(lines.join(u'\n'));
-    label->parentWidget()->setVisible(!lines.isEmpty());
-}
+/// The dot before a line of a list, as high as the line; a picture, so that nobody has it read out.
+class Bullet final : public QWidget {
+public:
+    explicit Bullet(QWidget* parent) : QWidget(parent)
+    {
+        setFixedSize(fontMetrics().height() / 2, fontMetrics().height());
+    }
 
-QStringList bulleted(QStringList lines)
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(palette().windowText());
+        painter.drawEllipse(QRectF(rect()).center(), height() / 7.0, height() / 7.0);
+    }
+};
+
+QLabel* textLabel(const QString& text, const QString& heading)
 {
-    for (QString& line : lines)
-        line.prepend(QStringLiteral("•\u00a0"));
-    return lines;
+    auto* label = new QLabel(text);
+    label->setAccessibleDescription(heading);
+    label->setTextFormat(Qt::PlainText);
+    label->setWordWrap(true);
+    label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    return label;
 }
 
 } // namespace
@@ -40,27 +60,41 @@ EndPane::EndPane(std::string authorityFile, QString tool)
     setContentView(view);
 }
 
-QLabel* EndPane::addPart(QLayout* layout, const QString& heading, const char* name)
+QWidget* EndPane::addPart(QLayout* layout, const QString& heading, const char* name)
 {
     auto* part = new QWidget;
+    part->setObjectName(QLatin1String(name));
+    part->setAccessibleName(heading);
     auto* lines = new QVBoxLayout(part);
     lines->setContentsMargins(0, 0, 0, 0);
     lines->setSpacing(4);
     auto* title = new QLabel(heading);
+    title->setObjectName(QStringLiteral("heading"));
     QFont font = title->font();
     font.setBold(true);
     title->setFont(font);
-    auto* text = new QLabel;
-    text->setObjectName(QLatin1String(name));
-    text->setAccessibleDescription(heading);
-    text->setTextFormat(Qt::PlainText);
-    text->setWordWrap(true);
-    text->setTextInteractionFlags(Qt::TextSelectableByMouse);
     lines->addWidget(title);
-    lines->addWidget(text);
     part->setVisible(false);
     layout->addWidget(part);
-    return text;
+    return part;
+}
+
+void EndPane::fill(QWidget* part, const QStringList& texts, bool isList)
+{
+    const auto former = part->findChildren<QWidget*>(QStringLiteral("line"), Qt::FindDirectChildrenOnly);
+    qDeleteAll(former);
+    for (const QString& text : texts) {
+        auto* line = new QWidget;
+        line->setObjectName(QStringLiteral("line"));
+        auto* layout = new QHBoxLayout(line);
+        layout->setContentsMargins(0, 0, 0, 0);
+        layout->setSpacing(8);
+        if (isList)
+            layout->addWidget(new Bullet(line), 0, Qt::AlignTop);
+        layout->addWidget(textLabel(text, part->accessibleName()), 1);
+        part->layout()->addWidget(line);
+    }
+    part->setVisible(!texts.isEmpty());
 }
 
 Ref<NSString> EndPane::title() const { return "What Was Installed"_ns; }
@@ -88,10 +122,11 @@ void EndPane::didEnterPane(NSInteger)
     performBackgroundSelector(
         {"readStores", read}, nullptr, "Looking at what was installed"_ns, progressIndicator(), -1.0);
     const Report report = makeReport(findings);
-    fill(personal_, report.personal);
-    fill(authority_, report.authority);
-    fill(usedBy_, bulleted(report.usedBy));
-    fill(notUsedBy_, bulleted(report.notUsedBy));
+    fill(personal_, report.personal, false);
+    fill(authority_, report.authority, false);
+    fill(usedBy_, report.usedBy, true);
+    fill(notUsedBy_, report.notUsedBy, true);
+    shapeTexts(*contentView());
     setNextEnabled(true);
 }
 

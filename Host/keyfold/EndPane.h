@@ -6,8 +6,8 @@
 
 namespace kf {
 
-/// Reads every store anew when it is entered. Object names of its texts: "personalReport", "authorityReport",
-/// "usedByReport", "notUsedByReport".
+/// Reads every store anew when it is entered. Object names of its parts, each a heading and a label for each line:
+/// "personalReport", "authorityReport", "usedByReport", "notUsedByReport".
 class EndPane final : public KFWizardPane {
     Q_OBJECT
 public:
@@ -18,15 +18,16 @@ public:
     void didEnterPane(NSInteger direction) override;
 
 private:
-    QLabel* addPart(QLayout* layout, const QString& heading, const char* name);
+    static QWidget* addPart(QLayout* layout, const QString& heading, const char* name);
+    static void fill(QWidget* part, const QStringList& texts, bool isList);
     Bytes personalCertificate() const;
 
     std::string authorityFile_;
     QString tool_;
-    QLabel* personal_ = nullptr;
-    QLabel* authority_ = nullptr;
-    QLabel* usedBy_ = nullptr;
-    QLabel* notUsedBy_ = nullptr;
+    QWidget* personal_ = nullptr;
+    QWidget* authority_ = nullptr;
+    QWidget* usedBy_ = nullptr;
+    QWidget* notUsedBy_ = nullptr;
 };
 
 } // namespace kf

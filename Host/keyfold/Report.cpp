@@ -20,14 +20,15 @@ QStringList personalLines(const Findings& findings)
     const QString name = QString::fromStdString(findings.personalName);
     const QString keychain = QString::fromStdString(findings.state.defaultKeychain);
     if (held.status != errSecSuccess)
-        return {translate("Your keychain, %1, could not be read: %2").arg(keychain, textOf(held.status))};
+        return {translate("Your keychain could not be read: %1\n%2").arg(textOf(held.status), keychain)};
     if (!held.certificate)
-        return {translate("Your certificate “%1” is not in your keychain, %2. Ask the help desk.").arg(name, keychain)};
+        return {
+            translate("Your certificate “%1” is not in your keychain:\n%2\nAsk the help desk.").arg(name, keychain)};
     if (!held.privateKey)
-        return {translate("Your certificate “%1” is in your keychain, %2, but its private key is not. Ask the help "
-                          "desk.")
+        return {translate("Your certificate “%1” is in your keychain, but its private key is not:\n%2\n"
+                          "Ask the help desk.")
                     .arg(name, keychain)};
-    return {translate("Your certificate “%1” and its private key are in your keychain, %2.").arg(name, keychain)};
+    return {translate("Your certificate “%1” and its private key are in your keychain:\n%2").arg(name, keychain)};
 }
 
 QStringList authorityLines(const Findings& findings)

@@ -58,6 +58,7 @@ QLineEdit* SignInPane::makeField(const char* name, const QString& title)
     auto* edit = new QLineEdit;
     edit->setObjectName(QLatin1String(name));
     edit->setAccessibleName(title);
+    edit->setTextMargins(4, 1, 4, 1);
     edit->setAcceptDrops(false); // the page takes files wherever they are dropped
     connect(edit, &QLineEdit::textChanged, this, &SignInPane::inputsChanged);
     return edit;
@@ -106,7 +107,7 @@ void SignInPane::makeView()
 
     auto* grid = new QGridLayout;
     grid->setHorizontalSpacing(16);
-    grid->setVerticalSpacing(6);
+    grid->setVerticalSpacing(8);
     grid->setColumnStretch(1, 1);
     const auto row = [grid](int line, const QString& title, QLineEdit* edit, QWidget* button, QLabel* message) {
         auto* label = new QLabel(title);

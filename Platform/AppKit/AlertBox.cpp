@@ -1,5 +1,6 @@
 #include "AppKit/AlertBox.h"
 
+#include "AppKit/Looks.h"
 #include "AppKit/Text.h"
 
 #include <QLabel>
@@ -11,7 +12,7 @@ namespace kf {
 
 namespace {
 
-constexpr int maximumTextWidth = 500;
+constexpr int widthInLetters = 72;
 
 } // namespace
 
@@ -24,7 +25,7 @@ AlertBox::AlertBox(const AlertQuestion& question, QWidget* parent) : QMessageBox
     setText(toQString(question.messageText));
     setInformativeText(toQString(question.informativeText));
 
-    shapeTexts();
+    shapeLabels();
 
     QPushButton* safe = add(question.defaultButton, QMessageBox::RejectRole, "defaultButton");
     if (question.alternateButton)
@@ -47,11 +48,12 @@ AlertBox::AlertBox(const AlertQuestion& question, QWidget* parent) : QMessageBox
         if (auto* push = qobject_cast<QPushButton*>(button); push && push != safe)
             push->setAutoDefault(false);
     }
+    shapeTexts(*this);
 }
 
 // The box has no setting for these; where a later Qt names its labels
 // otherwise, the texts only look plainer.
-void AlertBox::shapeTexts()
+void AlertBox::shapeLabels()
 {
     if (auto* message = findChild<QLabel*>(QStringLiteral("qt_msgbox_label"))) {
         QFont font = message->font();
@@ -67,7 +69,7 @@ void AlertBox::shapeTexts()
     int width = 0;
     for (const QString& line : informative->text().split(u'\n'))
         width = std::max(width, informative->fontMetrics().horizontalAdvance(line));
-    informative->setMinimumWidth(std::min(width, maximumTextWidth));
+    informative->setMinimumWidth(std::min(width, fontMetrics().averageCharWidth() * widthInLetters));
 }
 
 QPushButton* AlertBox::add(const Ref<NSString>& title, QMessageBox::ButtonRole role, const char* name)

@@ -19,7 +19,7 @@ public:
     NSInteger buttonCode() const;
 
 private:
-    void shapeTexts();
+    void shapeLabels();
     QPushButton* add(const Ref<NSString>& title, QMessageBox::ButtonRole role, const char* name);
 
     QAbstractButton* alternate_ = nullptr;

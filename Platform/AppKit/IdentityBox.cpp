@@ -1,6 +1,7 @@
 #include "AppKit/IdentityBox.h"
 
 #include "AppKit/IdentityList.h"
+#include "AppKit/Looks.h"
 #include "AppKit/Text.h"
 
 #include <QDialogButtonBox>
@@ -60,6 +61,7 @@ IdentityBox::IdentityBox(const IdentityQuestion& question, QWidget* parent) : QD
         list_->setFocus();
     }
     layout->addWidget(buttons);
+    shapeTexts(*this);
 }
 
 IdentityList* IdentityBox::makeList(const IdentityQuestion& question)

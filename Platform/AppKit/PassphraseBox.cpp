@@ -1,5 +1,6 @@
 #include "AppKit/PassphraseBox.h"
 
+#include "AppKit/Looks.h"
 #include "AppKit/Text.h"
 
 #include <QDialogButtonBox>
@@ -24,6 +25,7 @@ PassphraseBox::PassphraseBox(const PassphraseQuestion& question, QWidget* parent
     field_ = new QLineEdit;
     field_->setObjectName(QStringLiteral("passphraseField"));
     field_->setEchoMode(QLineEdit::Password);
+    field_->setTextMargins(4, 1, 4, 1);
     field_->setAccessibleName(tr("Pass phrase of the keychain"));
     auto* show = new QPushButton(tr("Show"));
     show->setObjectName(QStringLiteral("showButton"));
@@ -68,6 +70,7 @@ PassphraseBox::PassphraseBox(const PassphraseQuestion& question, QWidget* parent
     }
     layout->addLayout(entry);
     layout->addWidget(buttons);
+    shapeTexts(*this);
     // By itself the box would take wrapped texts for narrower and taller than they are.
     const int wanted = fontMetrics().averageCharWidth() * widthInLetters;
     setMinimumWidth(wanted);

@@ -12,7 +12,10 @@
 #include "PaneConfiguration.h"
 
 #include <QDialog>
+#include <QFontInfo>
+#include <QTextBlock>
 #include <QTextBrowser>
+#include <QTextLayout>
 
 KFWIZARD_PANE(KFInstallerPane)
 
@@ -20,12 +23,40 @@ namespace {
 
 constexpr double helpPanelGap = 15.0;
 constexpr double helpMargin = 20.0;
+/// The size, in points, of the help document's own text.
+constexpr double helpTextSize = 10.5;
 
 // The wizard's buttons must show their state before the work starts.
 void displayIfNeeded(QWidget* view)
 {
     if (view)
         view->window()->repaint();
+}
+
+void scale(QTextCharFormat& format, double factor)
+{
+    if (format.hasProperty(QTextFormat::FontPointSize))
+        format.setFontPointSize(format.fontPointSize() * factor);
+}
+
+// A document has sizes of its own; whoever has the desktop's letters larger wants these larger, too.
+void scaleSizes(QTextDocument& document, double factor)
+{
+    QTextCursor cursor(&document);
+    for (QTextBlock block = document.begin(); block.isValid(); block = block.next()) {
+        QTextCharFormat bullet = block.charFormat();
+        scale(bullet, factor);
+        cursor.setPosition(block.position());
+        cursor.setBlockCharFormat(bullet);
+        const auto formats = block.textFormats();
+        for (const QTextLayout::FormatRange& range : formats) {
+            QTextCharFormat format = range.format;
+            scale(format, factor);
+            cursor.setPosition(block.position() + range.start);
+            cursor.setPosition(block.position() + range.start + range.length, QTextCursor::KeepAnchor);
+            cursor.setCharFormat(format);
+        }
+    }
 }
 
 } // namespace
@@ -58,6 +89,10 @@ void KFInstallerPane::awakeFromNib()
     const Ref<NSBundle> bundle = kf::paneBundle();
     const Ref<NSString> path = bundle ? bundle->pathForResource("Help"_ns, "rtf"_ns) : nullptr;
     kf::readRTFDFromFile(helpText_, path);
+    if (const double factor = QFontInfo(helpText_->font()).pointSizeF() / helpTextSize; factor > 1) {
+        scaleSizes(*helpText_->document(), factor);
+        helpWindow_->resize(helpWindow_->size() * factor);
+    }
     helpText_->document()->setDocumentMargin(helpMargin);
     helpText_->document()->setIndentWidth(helpMargin);
     helpText_->setOpenLinks(false);

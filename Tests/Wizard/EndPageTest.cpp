@@ -45,14 +45,14 @@ TEST_F(EndPage, TellsWhatWasInstalledAndWhere)
 {
     install();
     goToEnd();
-    EXPECT_EQ(label("personalReport"),
-        "Your certificate “Ada Example” and its private key are in your keychain, " + home_.defaultKeychain().string()
-            + ".");
-    EXPECT_THAT(label("authorityReport"), HasSubstr("“Orvane Certification Authority” is trusted for you alone"));
-    EXPECT_THAT(label("usedByReport"),
+    EXPECT_EQ(report("personalReport"),
+        "Your certificate “Ada Example” and its private key are in your keychain:\n"
+            + home_.defaultKeychain().string() + "\n");
+    EXPECT_THAT(report("authorityReport"), HasSubstr("“Orvane Certification Authority” is trusted for you alone"));
+    EXPECT_THAT(report("usedByReport"),
         AllOf(HasSubstr("Chromium and the browsers made from it sign you in"),
             HasSubstr("Chromium and the browsers made from it trust")));
-    EXPECT_THAT(label("notUsedByReport"), AllOf(HasSubstr("curl, wget"), HasSubstr("Firefox and Thunderbird")));
+    EXPECT_THAT(report("notUsedByReport"), AllOf(HasSubstr("curl, wget"), HasSubstr("Firefox and Thunderbird")));
     EXPECT_FALSE(button("previousButton")->isEnabled());
     EXPECT_EQ(button("nextButton")->text(), QStringLiteral("Close"));
 }
@@ -62,8 +62,8 @@ TEST_F(EndPage, BelievesTheStoresAndNotThePage)
     install();
     mustRun({"certutil", "-F", "-n", "Ada Example", "-d", keychain()});
     goToEnd();
-    EXPECT_THAT(label("personalReport"), HasSubstr("is not in your keychain"));
-    EXPECT_THAT(label("usedByReport"), Not(HasSubstr("sign you in")));
+    EXPECT_THAT(report("personalReport"), HasSubstr("is not in your keychain"));
+    EXPECT_THAT(report("usedByReport"), Not(HasSubstr("sign you in")));
 }
 
 TEST_F(EndPage, TellsAKeychainThatCannotBeReadAnyMore)
@@ -72,7 +72,7 @@ TEST_F(EndPage, TellsAKeychainThatCannotBeReadAnyMore)
     kf::keychain::closeAll();
     writeFile(home_.defaultKeychain() / "cert9.db", std::string_view());
     goToEnd();
-    EXPECT_THAT(label("personalReport"), HasSubstr("could not be read: A file of the keychain is empty."));
+    EXPECT_THAT(report("personalReport"), HasSubstr("could not be read: A file of the keychain is empty."));
 }
 
 TEST_F(EndPage, TellsAFirefoxProfileThatLacksTheCertificate)
@@ -80,7 +80,7 @@ TEST_F(EndPage, TellsAFirefoxProfileThatLacksTheCertificate)
     makeProfile();
     install();
     goToEnd();
-    EXPECT_THAT(label("notUsedByReport"),
+    EXPECT_THAT(report("notUsedByReport"),
         AllOf(HasSubstr("Firefox does not have your certificate"), Not(HasSubstr("Firefox and Thunderbird"))));
 }
 
@@ -90,7 +90,7 @@ TEST_F(EndPage, TellsAFirefoxProfileThatHasTheCertificate)
     mustRun({"certutil", "-A", "-n", "mine", "-t", ",,", "-i", bundle().certFile, "-d", profile});
     install();
     goToEnd();
-    EXPECT_THAT(label("usedByReport"), HasSubstr("Firefox has your certificate"));
+    EXPECT_THAT(report("usedByReport"), HasSubstr("Firefox has your certificate"));
 }
 
 class Policies : public testing::Test {

@@ -72,7 +72,7 @@ TEST_F(KeychainPassphrase, TheRightOneIsAskedForOnce)
     EXPECT_EQ(state("personalStatus"), 1);
     press("nextButton");
     EXPECT_EQ(answers.asked(), 1) << "the last page reads it unlocked";
-    EXPECT_NE(label("personalReport").find("and its private key are in your keychain"), std::string::npos);
+    EXPECT_NE(report("personalReport").find("and its private key are in your keychain"), std::string::npos);
     kf::keychain::closeAll();
     EXPECT_TRUE(isInstalled());
 }

@@ -272,6 +272,32 @@ TEST_F(Pane, TheHelpDocumentIsReadWithItsLinks)
     EXPECT_TRUE(pane_->helpText()->toHtml().contains(QStringLiteral("href=\"mailto:help@orvane.example\"")));
 }
 
+TEST_F(Pane, TheHelpIsAsLargeAsTheDesktopsLetters)
+{
+    const QFont before = QApplication::font();
+    QFont large = before;
+    large.setPointSizeF(21);
+    QApplication::setFont(large);
+    const std::unique_ptr<KFWizardPane> made = kf::PlugIn(QStringLiteral(KEYFOLD_BUNDLE)).createPane();
+    QApplication::setFont(before);
+    ASSERT_NE(made, nullptr);
+    auto* pane = dynamic_cast<KFInstallerPane*>(made.get());
+    const auto sizes = [](const QTextDocument* document) {
+        std::vector<double> all;
+        for (QTextBlock block = document->begin(); block.isValid(); block = block.next()) {
+            for (auto at = block.begin(); !at.atEnd(); ++at)
+                all.push_back(at.fragment().charFormat().fontPointSize());
+        }
+        return all;
+    };
+    std::vector<double> expected = sizes(pane_->helpText()->document());
+    EXPECT_GT(expected.size(), 50U);
+    for (double& size : expected)
+        size *= 2;
+    EXPECT_THAT(sizes(pane->helpText()->document()), testing::Pointwise(testing::DoubleNear(0.01), expected));
+    EXPECT_EQ(pane->helpWindow()->size(), 2 * pane_->helpWindow()->size());
+}
+
 class URLReceiver final : public QObject {
     Q_OBJECT
 public:

@@ -10,10 +10,13 @@
 #include "Security/Keychain/MemoryBackend.h"
 #include "Security/Keychain/Store.h"
 #include "Security/SFChooseIdentityPanel.h"
+#include "Security/SecTrust.h"
+#include "Security/Trust/DistributionStore.h"
 #include "Tests/Support/Fixtures.h"
 #include "Tests/Support/RecordingAuthorization.h"
 #include "Tests/Wizard/DemonstrationIdentities.h"
 #include "keyfold/Application.h"
+#include "keyfold/EndPane.h"
 
 #include <QApplication>
 #include <QDialog>
@@ -30,17 +33,59 @@
 #include <QTextBrowser>
 #include <QTimer>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 namespace {
 
 using namespace kf::test;
 
+int distance(QRgb a, QRgb b)
+{
+    return std::abs(qRed(a) - qRed(b)) + std::abs(qGreen(a) - qGreen(b)) + std::abs(qBlue(a) - qBlue(b));
+}
+
+/// The picture in so few colours that the documents stay small: those that come up most, none near another one.
+QImage withFewColours(const QImage& picture)
+{
+    constexpr int near = 24;
+    constexpr int most = 256;
+    const QImage image = picture.convertToFormat(QImage::Format_RGB32);
+    std::map<QRgb, int> counts;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x)
+            ++counts[image.pixel(x, y)];
+    }
+    std::vector<std::pair<int, QRgb>> colours;
+    for (const auto& [colour, count] : counts)
+        colours.emplace_back(-count, colour);
+    std::sort(colours.begin(), colours.end());
+    QList<QRgb> table;
+    std::map<QRgb, uint> places;
+    for (const auto& [count, colour] : colours) {
+        const auto nearest = std::min_element(table.cbegin(), table.cend(),
+            [wanted = colour](QRgb a, QRgb b) { return distance(a, wanted) < distance(b, wanted); });
+        places[colour] = static_cast<uint>(nearest - table.cbegin());
+        if (nearest != table.cend() && (distance(*nearest, colour) < near || table.size() == most))
+            continue;
+        places[colour] = static_cast<uint>(table.size());
+        table.append(colour);
+    }
+    QImage reduced(image.size(), QImage::Format_Indexed8);
+    reduced.setColorTable(table);
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x)
+            reduced.setPixel(x, y, places[image.pixel(x, y)]);
+    }
+    return reduced;
+}
+
 class Pictures {
 public:
-    explicit Pictures(QString directory) : directory_(std::move(directory))
+    explicit Pictures(QString directory, bool isWhole) : directory_(std::move(directory)), isWhole_(isWhole)
     {
         kf::keychain::setBackend(faults_);
         authorization_.refuse(errAuthorizationDenied);
@@ -56,57 +101,99 @@ public:
     {
         saveChooser();
         takeSignIn();
+        takeWarnings();
         takeInstaller();
-        takeFailures();
+        takeEnds();
+        openFrom("/usr/lib/keyfold/KFInstaller.bundle");
+        save(window_->grab(), "not-loaded");
         return good_;
     }
 
 private:
     void takeSignIn()
     {
+        openFrom(KEYFOLD_BUNDLE);
+        save(window_->grab(), "sign-in-empty");
         const Bundle slow = authority_.issue({.iterations = 900'000});
-        open(slow, slow.passphrase);
+        open(slow);
         window_->goNext();
         saveSignIn("sign-in-checking");
         waitFor("certificateCard");
-        open(first_, "wrong");
-        window_->goNext();
-        waitFor("passphraseMessage");
-        saveSignIn("sign-in-wrong");
-        const Bundle doubtful = authority_.issue({.withChain = true, .notAfter = "20250101000000Z"});
-        open(doubtful, doubtful.passphrase);
-        window_->findChild<QLineEdit*>(QStringLiteral("loginField"))->setText(QStringLiteral("grace"));
-        waitFor("certificateCard");
-        saveSignIn("sign-in-warning");
-    }
-
-    void takeInstaller()
-    {
-        open(first_, first_.passphrase);
+        open(first_);
         waitFor("certificateCard");
         saveSignIn("sign-in");
-        authorization_.setTool([&](const kf::authorization::ToolCommand&) {
-            kf::performOnMainThread([this] { save(window_->grab(), "installer-gray"); });
-            return 1;
-        });
-        authorization_.refuse(errSecSuccess); // rights, and a tool that fails
-        faults_->arm(kf::keychain::Operation::beginWriting, 1, errSecKeychainBusy, true);
+        find("showButton")->click();
+        saveSignIn("sign-in-shown");
+
+        Bundle wrong = first_;
+        wrong.passphrase = "wrong";
+        saveRefused(wrong, "passphraseMessage", "sign-in-wrong");
+        saveRefused(authority_.issue({.withoutKey = true}), "fileMessage", "sign-in-key-missing");
+        const Bundle damaged = authority_.issue();
+        writeFile(damaged.file, std::span(damaged.pkcs12).first(damaged.pkcs12.size() / 2));
+        saveRefused(damaged, "fileMessage", "sign-in-damaged");
+    }
+
+    void saveRefused(const Bundle& bundle, const char* message, const char* name)
+    {
+        open(bundle);
         window_->goNext();
+        waitFor(message);
+        saveSignIn(name);
+    }
+
+    void takeWarnings()
+    {
+        saveWarning(authority_.issue({.notAfter = "20250101000000Z"}), "ada", "sign-in-expired");
+        saveWarning(authority_.issue({.notBefore = "20480101000000Z"}), "ada", "sign-in-not-yet-valid");
+        saveWarning(first_, "grace", "sign-in-other-address");
+        saveWarning(authority_.issue({.withChain = true}), "ada", "sign-in-impostor");
+        saveWarning(
+            authority_.issue({.withChain = true, .notAfter = "20250101000000Z"}), "grace", "sign-in-all-warnings");
+    }
+
+    void saveWarning(const Bundle& bundle, const char* login, const char* name)
+    {
+        open(bundle, login);
+        waitFor("certificateCard");
+        saveSignIn(name);
+    }
+
+    /// Every page from sign-in on: with rights and bad luck, then without rights.
+    void takeInstaller()
+    {
+        open(first_);
+        waitFor("certificateCard");
+        authorization_.setTool([&](const kf::authorization::ToolCommand&) {
+            kf::performOnMainThread([this] { takeWorking(); });
+            return 0;
+        });
+        authorization_.refuse(errSecSuccess);
+        faults_->arm(kf::keychain::Operation::beginWriting, 1, errSecIssuerAndSerialTaken, true);
+        window_->goNext();
+        faults_->disarm();
+        open(first_);
+        waitFor("certificateCard");
+        authorization_.failToLaunch(errAuthorizationToolExecuteFailure);
+        faults_->arm(kf::keychain::Operation::beginWriting, 1, errSecIssuerAndSerialTaken, true);
+        window_->goNext();
+        settle();
         save(window_->grab(), "installer-red");
         faults_->disarm();
 
         authorization_.refuse(errAuthorizationDenied);
-        open(first_, first_.passphrase);
+        open(first_);
         waitFor("certificateCard");
         window_->goNext();
+        settle();
         save(window_->grab(), "installer-green");
         saveHelp();
         window_->goNext();
         settle();
-        save(window_->grab(), "end");
+        save(window_->grab(), "end-for-member");
+        identity_ = window_->fields().valueForField("UserSecIdentityRef"_ns);
 
-        const Bundle second = authority_.issue({.commonName = "Ada Newly"});
-        open(second, second.passphrase);
+        open(authority_.issue({.commonName = "Ada Newly"}));
         waitFor("certificateCard");
         QTimer alert;
         QObject::connect(&alert, &QTimer::timeout, [this] { saveAlert(); });
@@ -114,36 +201,109 @@ private:
         window_->goNext();
     }
 
-    void takeFailures()
+    /// The page at work, and what may be asked meanwhile.
+    void takeWorking()
     {
+        settle();
+        save(window_->grab(), "installer-gray");
         for (const int attempt : {1, 2}) {
             kf::PassphraseBox box({"/home/ada/.local/share/pki/nssdb"_ns, attempt}, window_.get());
-            box.findChild<QLineEdit*>()->setText(QStringLiteral("a pass phrase"));
             box.show();
+            QTest::keyClicks(box.findChild<QLineEdit*>(), QStringLiteral("a pass phrase"));
             saveOver(box, attempt == 1 ? "keychain-passphrase" : "keychain-passphrase-wrong");
         }
-        bundlePath_ = "/usr/lib/keyfold/KFInstaller.bundle";
-        open(first_, {});
-        save(window_->grab(), "not-loaded");
     }
 
-    void open(const Bundle& bundle, const std::string& passphrase)
+    /// The last page where everything works, and where nothing is left of what was installed.
+    void takeEnds()
+    {
+        authorization_.setAdministrator(true);
+        const SecCertificateRef authority = shippedAuthority();
+        memory_->create("/Library/Keychains/System.keychain");
+        SecTrustSettingsSetTrustSettings(authority, kSecTrustSettingsDomainAdmin, nullptr);
+        const auto before = kf::trust::setDistributionStore(std::make_shared<EveryAuthority>());
+        const auto tool = authority_.directory() / "security";
+        writeFile(tool, R"(#!/bin/sh
+echo '{"places": [{"place": "Chromium", "state": "readable", "published": true},
+  {"place": "Firefox", "state": "readable", "published": true}]}'
+)");
+        std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+        saveEnd(tool, "end");
+        kf::trust::setDistributionStore(before);
+
+        const kf::keychain::ScopedBackend nothing(std::make_shared<kf::keychain::MemoryBackend>());
+        saveEnd("/nonexistent", "end-failed");
+    }
+
+    void saveEnd(const std::filesystem::path& tool, const char* name)
+    {
+        newWindow();
+        auto page = std::make_unique<kf::EndPane>(
+            KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der", QString::fromStdString(tool.string()));
+        window_->fields().setValue(identity_, "UserSecIdentityRef"_ns);
+        window_->addSection()->addPane(std::move(page));
+        window_->show();
+        window_->goToPane(window_->firstPane());
+        settle();
+        save(window_->grab(), name);
+    }
+
+    /// The distribution trusts whatever it is asked about.
+    class EveryAuthority final : public kf::trust::DistributionStore {
+    public:
+        std::vector<kf::Bytes> certificatesWithSubject(std::span<const std::uint8_t>) const override
+        {
+            return {readFile(KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der")};
+        }
+        std::vector<kf::Bytes> certificates() const override { return certificatesWithSubject({}); }
+    };
+
+    static SecCertificateRef shippedAuthority()
+    {
+        Bytes der = readFile(KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der");
+        const CSSM_DATA data{der.size(), der.data()};
+        SecCertificateRef certificate;
+        SecCertificateCreateFromData(&data, CSSM_CERT_X_509v3, CSSM_CERT_ENCODING_DER, &certificate);
+        return certificate;
+    }
+
+    void newWindow()
     {
         window_.reset();
         window_ = std::make_unique<kf::WizardWindow>();
         presenter_ = std::make_unique<kf::QtPresenter>(window_.get());
         kf::Presenter::setCurrent(presenter_.get());
-        kf::CommandLine line;
-        line.login = "ada";
-        line.pkcs12File = bundle.file.string();
-        line.bundle = bundlePath_;
+    }
+
+    void openLine(const kf::CommandLine& line)
+    {
+        newWindow();
         kf::fillWizard(*window_, line);
         window_->show();
         window_->goToPane(window_->firstPane());
-        if (auto* field = window_->findChild<QLineEdit*>(QStringLiteral("passphraseField")))
-            field->setText(QString::fromStdString(passphrase));
         QApplication::processEvents();
     }
+
+    void openFrom(const char* bundlePath)
+    {
+        kf::CommandLine line;
+        line.bundle = bundlePath;
+        openLine(line);
+    }
+
+    void open(const Bundle& bundle, const char* login = "ada")
+    {
+        kf::CommandLine line;
+        line.login = login;
+        line.pkcs12File = bundle.file.string();
+        line.bundle = KEYFOLD_BUNDLE;
+        openLine(line);
+        window_->findChild<QLineEdit*>(QStringLiteral("passphraseField"))
+            ->setText(QString::fromStdString(bundle.passphrase));
+        QApplication::processEvents();
+    }
+
+    QPushButton* find(const char* name) { return window_->findChild<QPushButton*>(QLatin1String(name)); }
 
     void saveSignIn(const char* name)
     {
@@ -238,7 +398,8 @@ private:
         auto* panel = window_->findChild<QDialog*>(QStringLiteral("helpWindow"));
         auto* text = panel->findChild<QTextBrowser*>(QStringLiteral("helpText"));
         QApplication::processEvents();
-        panel->resize(panel->width(), static_cast<int>(text->document()->size().height()) + 8);
+        if (isWhole_) // the whole document, once; elsewhere what the panel shows of it
+            panel->resize(panel->width(), static_cast<int>(text->document()->size().height()) + 8);
         QApplication::processEvents();
         save(panel->grab(), "help");
         panel->hide();
@@ -247,19 +408,20 @@ private:
     void save(const QPixmap& picture, const char* name)
     {
         const QString file = directory_ + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".png");
-        const bool saved = picture.save(file, "PNG");
+        const bool saved = withFewColours(picture.toImage()).save(file, "PNG", 0); // 0: as small as can be
         std::printf("%s%s\n", file.toUtf8().constData(), saved ? "" : " cannot be written");
         good_ = good_ && saved;
     }
 
     QString directory_;
-    std::string bundlePath_ = KEYFOLD_BUNDLE;
+    bool isWhole_;
     bool good_ = true;
-    std::shared_ptr<kf::keychain::FaultBackend> faults_ =
-        std::make_shared<kf::keychain::FaultBackend>(std::make_shared<kf::keychain::MemoryBackend>());
+    std::shared_ptr<kf::keychain::MemoryBackend> memory_ = std::make_shared<kf::keychain::MemoryBackend>();
+    std::shared_ptr<kf::keychain::FaultBackend> faults_ = std::make_shared<kf::keychain::FaultBackend>(memory_);
     Authority authority_;
     const Bundle first_ = authority_.issue();
     RecordingAuthorization authorization_;
+    Ref<NSObject> identity_; ///< what was installed
     std::unique_ptr<kf::WizardWindow> window_;
     std::unique_ptr<kf::QtPresenter> presenter_;
 };
@@ -295,7 +457,7 @@ bool startEachLook(const char* program, const QString& directory)
         const QString name = QLatin1String(look);
         const QString folder = name == u"light" ? directory : directory + QLatin1Char('/') + name;
         QProcess process;
-        process.setProcessChannelMode(QProcess::ForwardedChannels);
+        process.setProcessChannelMode(QProcess::ForwardedOutputChannel);
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(
             QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen:configfile=") + configuration.fileName());
@@ -313,6 +475,7 @@ void putOn(const QString& look)
 {
     QFont font = QApplication::font();
     font.setPointSizeF(look == u"large-letters" ? 18 : 10.5); // what desktops use; the platform without one has smaller
+    font.setHintingPreference(QFont::PreferFullHinting);      // a letter is the same wherever it stands: small files
     QApplication::setFont(font);
     if (look == u"dark")
         QApplication::setPalette(darkPalette());
@@ -338,5 +501,5 @@ int main(int argc, char** argv)
     const QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     putOn(QString::fromLocal8Bit(argv[2]));
-    return Pictures(directory).take() ? 0 : 1;
+    return Pictures(directory, std::string_view(argv[2]) == looks.front()).take() ? 0 : 1;
 }

@@ -79,6 +79,16 @@ protected:
     QPushButton* button(const char* name) { return find<QPushButton>(window_.get(), name); }
     void press(const char* name) { QTest::mouseClick(button(name), Qt::LeftButton); }
     std::string label(const char* name) { return find<QLabel>(window_.get(), name)->text().toStdString(); }
+    /// What the last page says under one of its headings, each line after the other.
+    std::string report(const char* part)
+    {
+        std::string text;
+        for (const QLabel* line : find(window_.get(), part)->findChildren<QLabel*>()) {
+            if (line->objectName() != u"heading")
+                text += line->text().toStdString() + "\n";
+        }
+        return text;
+    }
     qlonglong state(const char* sphere) { return find<QLabel>(window_.get(), sphere)->property("state").toLongLong(); }
     Ref<NSObject> field(const char* key)
     {
