@@ -9,6 +9,7 @@
 #include <QDialog>
 #include <QMessageBox>
 #include <QPaintEvent>
+#include <QRegularExpression>
 #include <QTextBlock>
 #include <QTextBrowser>
 
@@ -270,6 +271,46 @@ TEST_F(Pane, TheHelpDocumentIsReadWithItsLinks)
     EXPECT_FALSE(text.contains(u'@') && text.contains(QStringLiteral("KEYFOLD_")));
     EXPECT_TRUE(pane_->helpText()->toHtml().contains(QStringLiteral("href=\"" KEYFOLD_HELP_URL "\"")));
     EXPECT_TRUE(pane_->helpText()->toHtml().contains(QStringLiteral("href=\"mailto:help@orvane.example\"")));
+}
+
+TEST_F(Pane, TheHelpTellsWhatToDoForEveryMessage)
+{
+    const QString help = pane_->helpText()->toPlainText();
+    for (const char* message : {"Certificate authority is valid", "Failed to install the certificate authority",
+             "Installing your personal certificate", "Personal certificate has been successfully installed",
+             "Failed to install your personal certificate", "Your certificates were successfully installed",
+             "There was an error while installing your certificates", "Existing certificates found",
+             "Unlock the Keychain"})
+        EXPECT_TRUE(help.contains(QStringLiteral("“%1”\u2028").arg(QLatin1String(message)))
+            || help.contains(QStringLiteral("“%1”\n").arg(QLatin1String(message))))
+            << message;
+}
+
+// What an import can end with; the texts are the platform's.
+TEST_F(Pane, TheHelpTellsWhatToDoForEveryReason)
+{
+    const QString help = pane_->helpText()->toPlainText();
+    for (const OSStatus status :
+        {errSecPkcs12VerifyFailure, errSecDecode, errSecUnknownFormat, errSecDataNotAvailable, errSecNoCertificate,
+            errSecMultiplePrivKeys, errSecDataTooLarge, errSecUnsupportedKeyFormat, errSecUnsupportedKeySize,
+            errSecAuthFailed, errSecUserCanceled, errSecInteractionNotAllowed, errSecKeychainBusy, errSecIO,
+            errSecAllocate, errSecInvalidKeychain, errSecKeychainEmpty, errSecKeychainWrongType,
+            errSecKeychainUnreadable, errSecWrPerm, errSecReadOnly, errSecIssuerAndSerialTaken}) {
+        // Up to where the text says more: "The file is too large" of "The file is too large, holds too many ...".
+        static const QRegularExpression end(QStringLiteral("[.,:]| It is not | and does not | with the same "));
+        const QString reason = QString::fromStdString(text(status)).section(end, 0, 0);
+        EXPECT_TRUE(help.contains(reason, Qt::CaseInsensitive)) << reason.toStdString();
+    }
+}
+
+// Whoever reads this part alone must know what is lost, and for how long.
+TEST_F(Pane, TheHelpWarnsOfDeletingWhatOldMailIsReadWith)
+{
+    const QString help = pane_->helpText()->toPlainText();
+    const QString part = help.mid(help.indexOf(QStringLiteral("\nOld certificates and encrypted mail\n")));
+    EXPECT_TRUE(part.contains(QStringLiteral("Do not delete old certificates if you have ever received encrypted "
+                                             "mail (S/MIME).")));
+    EXPECT_TRUE(part.contains(QStringLiteral("nobody can ever read those messages again")));
 }
 
 TEST_F(Pane, TheHelpIsAsLargeAsTheDesktopsLetters)
