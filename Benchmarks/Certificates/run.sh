@@ -19,9 +19,13 @@ function row(text, ours, base, bound) {
 }
 $1 ~ /_median"$/ { name = $1; gsub(/"|_median/, "", name); t[name] = $4 }
 END {
+    # Attaching is told apart: the rest is held against the yardstick, within one attachment and through one of its own.
     row("SHA-1 of a certificate, against EVP_Digest", t["digest"], t["digestByOpenSSL"], 1.3)
-    printf "%-58s %10.0f ns\n", "  attach and detach, told apart", t["attachAndDetach"]
-    printf "%-58s %10.0f ns\n", "  attach, digest and detach", t["attachDigestAndDetach"]
+    row("  through attach, digest and detach, less the attachment", t["attachDigestAndDetach"] - t["attachAndDetach"],
+        t["digestByOpenSSL"], 1.3)
+    printf "%-58s %10.0f ns\n", "  the attachment: attach and detach alone", t["attachAndDetach"]
+    printf "%-58s %10.0f ns %10.0f ns %6.2f\n", "  all of it: attach, digest and detach",
+        t["attachDigestAndDetach"], t["digestByOpenSSL"], t["attachDigestAndDetach"] / t["digestByOpenSSL"]
     row("certificate dictionary, against d2i_X509", t["certificateDictionary"], t["certificateByOpenSSL"], 0.2)
     row("hexadecimal text of 1 MB, against memcpy of it", t["hexText"], t["copyOfHexText"], 10)
     row("base64 of 8 KB, against stripping and filtering", t["decodeBase64"], t["stripBase64"] + t["filterBase64"], 1.05)

@@ -46,6 +46,18 @@ protected:
     ScopedBackend scoped_{faults_};
 };
 
+/// With an RSA key: its key identifier (of the modulus) and its subject key identifier (of the whole key) differ.
+const kf::test::Bundle& rsaMember()
+{
+    static const auto bundle = [] {
+        BundleOptions options;
+        options.key = kf::test::KeyKind::rsa2048;
+        options.withChain = true;
+        return authority().issue(options);
+    }();
+    return bundle;
+}
+
 std::string attributeText(const SecKeychainItemRef& item, SecKeychainAttrType tag, OSStatus* status = nullptr)
 {
     std::uint32_t format = CSSM_DB_ATTRIBUTE_FORMAT_STRING;
@@ -290,18 +302,22 @@ TEST_F(Items, AnAliasMatchesEveryAddressAndTheCommonNameByteForByte)
 
 TEST_F(Items, EveryAttributeFindsItsCertificateAndTwoMustBothMatch)
 {
-    importAda();
-    const auto fields = kf::readCertificateFields(ada().leaf);
+    ASSERT_EQ(import(defaultKeychain(), rsaMember()), errSecSuccess);
+    const auto fields = kf::readCertificateFields(rsaMember().leaf);
     const auto text = [](std::span<const std::uint8_t> bytes) { return std::string(asText(bytes)); };
     const auto count = [](SecKeychainAttrType tag, const std::string& value) {
         return find(nullptr, kSecCertificateItemClass, tag, value).items.size();
     };
     const auto item = find(nullptr, kSecCertificateItemClass, kSecLabelItemAttr, "Ada Example").items.at(0);
-    EXPECT_EQ(count(kSecSubjectItemAttr, text(fields->subject)), 1U);
-    EXPECT_EQ(count(kSecIssuerItemAttr, text(fields->issuer)), 1U);
-    EXPECT_EQ(count(kSecPublicKeyHashItemAttr, text(fields->keyId)), 1U);
-    EXPECT_EQ(count(kSecSubjectKeyIdentifierItemAttr, text(fields->subjectKeyIdentifier)), 1U);
-    EXPECT_EQ(count(kSecSerialNumberItemAttr, attributeText(item, kSecSerialNumberItemAttr)), 1U);
+    const auto isAlone = [&](SecKeychainAttrType tag, const std::string& value) {
+        const auto found = find(nullptr, kSecCertificateItemClass, tag, value).items;
+        return found.size() == 1 && CFEqual(found[0], item);
+    };
+    EXPECT_TRUE(isAlone(kSecSubjectItemAttr, text(fields->subject)));
+    EXPECT_TRUE(isAlone(kSecIssuerItemAttr, text(fields->issuer)));
+    EXPECT_TRUE(isAlone(kSecPublicKeyHashItemAttr, text(fields->keyId)));
+    EXPECT_TRUE(isAlone(kSecSubjectKeyIdentifierItemAttr, text(fields->subjectKeyIdentifier)));
+    EXPECT_TRUE(isAlone(kSecSerialNumberItemAttr, attributeText(item, kSecSerialNumberItemAttr)));
     EXPECT_EQ(count(kSecCertificateType, std::string("\x03\0\0\0", 4)), 3U);
     EXPECT_EQ(count(kSecCertificateType, std::string("\x02\0\0\0", 4)), 0U);
     EXPECT_EQ(count(kSecCertificateEncoding, std::string("\x03\0\0\0", 4)), 3U);
@@ -504,10 +520,13 @@ TEST_F(Items, AttributesAndDataAreCopiedTogether)
 
 TEST_F(Items, AttributesReadWhatTheCertificateSays)
 {
-    const auto stored = importAda();
-    const auto fields = kf::readCertificateFields(ada().leaf);
+    Ref<NSArray> items;
+    ASSERT_EQ(import(defaultKeychain(), rsaMember(), &items), errSecSuccess);
+    const auto stored = items->objectAs<SecIdentity>(0)->certificate();
+    const auto fields = kf::readCertificateFields(rsaMember().leaf);
     const auto text = [](std::span<const std::uint8_t> bytes) { return std::string(asText(bytes)); };
-    for (const auto& item : {stored, looseCertificate(ada().leaf)}) {
+    ASSERT_NE(text(fields->keyId), text(fields->subjectKeyIdentifier));
+    for (const auto& item : {stored, looseCertificate(rsaMember().leaf)}) {
         EXPECT_EQ(attributeText(item, kSecLabelItemAttr), "Ada Example");
         EXPECT_EQ(attributeText(item, kSecAliasItemAttr), "ada@orvane.example");
         EXPECT_EQ(attributeText(item, kSecSubjectItemAttr), text(fields->subject));
@@ -522,13 +541,14 @@ TEST_F(Items, AttributesReadWhatTheCertificateSays)
             std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned char>(byte));
             serial += digits;
         }
-        EXPECT_EQ(kf::test::mustRun({"openssl", "x509", "-noout", "-serial", "-in", ada().certFile}), serial + "\n");
+        EXPECT_EQ(
+            kf::test::mustRun({"openssl", "x509", "-noout", "-serial", "-in", rsaMember().certFile}), serial + "\n");
     }
     EXPECT_EQ(attributeText(looseCertificate(authority().root()), kSecAliasItemAttr), "Orvane Certification Authority")
         << "without an address the common name";
     const auto key = find(nullptr, kSecPrivateKeyItemClass).items.at(0);
     EXPECT_EQ(attributeText(key, kSecPublicKeyHashItemAttr), text(fields->keyId));
-    EXPECT_EQ(attributeText(key, kSecLabelItemAttr), kf::test::parsed(ada()).key.label);
+    EXPECT_EQ(attributeText(key, kSecLabelItemAttr), kf::test::parsed(rsaMember()).key.label);
 }
 
 TEST_F(Items, AnItemWhoseKeychainIsGoneIsGoneToo)
