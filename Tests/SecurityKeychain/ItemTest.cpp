@@ -445,6 +445,47 @@ TEST_F(Items, ACertificateFindsItsKey)
     EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, nullptr, &identity), errSecParam);
 }
 
+TEST_F(Items, AKeyIsLookedForInEveryKeychainAndTheFirstErrorTellsWhyThereIsNone)
+{
+    // Locked, with nobody to ask; then the System keychain, which cannot be opened.
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    memory_->create(systemKeychainPath);
+    const auto certificate = looseCertificate(ada().leaf);
+    SecIdentityRef identity;
+    faults_->arm(Operation::open, 2, errSecIO);
+    EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, certificate, &identity), errSecInteractionNotAllowed);
+    EXPECT_TRUE(faults_->fired());
+    EXPECT_FALSE(identity);
+    faults_->disarm();
+    EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, certificate, &identity), errSecInteractionNotAllowed);
+    ASSERT_EQ(import(keychainAt(systemKeychainPath), ada()), errSecSuccess);
+    EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, certificate, &identity), errSecSuccess);
+    ASSERT_TRUE(identity);
+    EXPECT_EQ(identity->privateKey()->keychain()->path(), systemKeychainPath);
+}
+
+TEST_F(Items, IdentitiesAreEqualWhereCertificateAndKeyAre)
+{
+    importAda();
+    const auto identity = identities().at(0);
+    const auto certificate = looseCertificate(ada().leaf);
+    const auto otherKey = makeRef<SecKey>(Bytes{1, 2, 3}, defaultKeychain());
+    EXPECT_TRUE(CFEqual(identity, identities().at(0)));
+    EXPECT_EQ(CFHash(identity), CFHash(identities().at(0)));
+    EXPECT_FALSE(CFEqual(identity, makeRef<SecIdentity>(identity->certificate(), otherKey)));
+    EXPECT_FALSE(CFEqual(identity, makeRef<SecIdentity>(certificate, identity->privateKey())));
+    EXPECT_FALSE(CFEqual(identity, identity->certificate()));
+}
+
+TEST_F(Items, NobodyIsAskedForThePassphraseOfAKeychainWithoutCertificates)
+{
+    memory_->create(defaultKeychain()->path(), "open sesame");
+    SecIdentitySearchRef search;
+    SecIdentityRef identity;
+    ASSERT_EQ(SecIdentitySearchCreate(nullptr, CSSM_KEYUSE_ANY, &search), errSecSuccess);
+    EXPECT_EQ(SecIdentitySearchCopyNext(search, &identity), errSecItemNotFound);
+}
+
 // --- Certificates ---
 
 TEST_F(Items, ACertificateIsMadeFromExactlyItsBytes)

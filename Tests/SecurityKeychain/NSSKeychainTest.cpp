@@ -219,6 +219,49 @@ TEST_F(NSSKeychain, WhatOtherProgramsImportedIsFound)
     EXPECT_THAT(run({"certutil", "-K", "-d", sql()}).output, HasSubstr("no keys found"));
 }
 
+TEST_F(NSSKeychain, BytesThatAreNoCertificateAreListedAndHarmNoOther)
+{
+    ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    const auto all = count(kSecCertificateItemClass);
+    closeAll();
+    // CKA_VALUE (0x11) of Grace's certificate, as a program that checks nothing could write it.
+    const auto der = home_.path() / "grace.der";
+    writeFile(der, grace().leaf);
+    mustRun({"python3", "-c",
+        "import sqlite3, sys\n"
+        "with sqlite3.connect(sys.argv[1]) as database:\n"
+        "    changed = database.execute('update nssPublic set a11 = ? where a11 = ?', (b'none', "
+        "open(sys.argv[2], 'rb').read()))\n"
+        "    assert changed.rowcount == 1\n",
+        database() / "cert9.db", der});
+    EXPECT_EQ(count(kSecCertificateItemClass), all);
+    const auto odd = find(nullptr, kSecCertificateItemClass, kSecLabelItemAttr, "Grace Example").items;
+    ASSERT_THAT(odd, SizeIs(1));
+    std::uint32_t tags[] = {kSecLabelItemAttr, kSecCertificateType, kSecAliasItemAttr, kSecSubjectItemAttr,
+        kSecIssuerItemAttr, kSecSerialNumberItemAttr, kSecSubjectKeyIdentifierItemAttr, kSecPublicKeyHashItemAttr};
+    const SecKeychainAttributeInfo info{std::size(tags), tags, nullptr};
+    SecKeychainAttributeList* list = nullptr;
+    ASSERT_EQ(SecKeychainItemCopyAttributesAndData(odd[0], &info, nullptr, &list, nullptr, nullptr), errSecSuccess);
+    ASSERT_EQ(list->count, std::size(tags));
+    EXPECT_EQ(std::string(static_cast<char*>(list->attr[0].data), list->attr[0].length), "Grace Example");
+    EXPECT_EQ(list->attr[1].length, 4U);
+    for (std::size_t index = 2; index < std::size(tags); ++index)
+        EXPECT_EQ(list->attr[index].length, 0U) << index;
+    SecKeychainItemFreeAttributesAndData(list, nullptr);
+    const auto certificate = refCast<SecCertificate>(odd[0]);
+    Ref<NSArray> addresses;
+    EXPECT_EQ(SecCertificateCopyEmailAddresses(certificate, &addresses), errSecUnknownFormat);
+    EXPECT_FALSE(addresses);
+    SecIdentityRef identity;
+    EXPECT_EQ(SecIdentityCreateWithCertificate(nullptr, certificate, &identity), errSecUnknownFormat);
+    EXPECT_FALSE(identity);
+    EXPECT_THAT(identities(), SizeIs(1));
+    EXPECT_THAT(find(nullptr, kSecCertificateItemClass, kSecAliasItemAttr, "ada@orvane.example").items, SizeIs(1));
+    EXPECT_EQ(SecKeychainItemDelete(odd[0]), errSecSuccess);
+    EXPECT_EQ(count(kSecCertificateItemClass), all - 1);
+}
+
 TEST_F(NSSKeychain, TrustIsReadByOtherProgramsAndTheirsIsRead)
 {
     const Trust root{TrustLevel::trusted, TrustLevel::unspecified, TrustLevel::trusted, TrustLevel::unspecified};

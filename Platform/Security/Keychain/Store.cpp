@@ -314,10 +314,11 @@ Status removeWithTrust(Database& database, WriteTurn& turn, std::span<const std:
     if (!*there)
         return Failure{errSecInvalidItemRef};
     const auto trust = database.trust(certificate);
-    if (!trust && trust.status() != errSecItemNotFound)
-        return trust.failure();
-    if (!trust)
+    // Nothing is said of it, or nothing can be: another program wrote bytes that are no certificate.
+    if (trust.status() == errSecItemNotFound || trust.status() == errSecUnknownFormat)
         return database.removeCertificate(certificate);
+    if (!trust)
+        return trust.failure();
     // The trust goes first: without its certificate nobody would find it again.
     Status removed = declare(turn, Intent::Purpose::remove, {{ObjectClass::certificate, sha256(certificate)}});
     if (!removed)
