@@ -101,9 +101,9 @@ Ref<NSString> hexString(const Ref<NSData>& receiver)
 {
     if (!receiver)
         return nullptr;
-    const auto [string, digits] = NSString::unwrittenLatin1(static_cast<CFIndex>(2 * receiver->length()));
-    writeHex(receiver->bytes(), receiver->length(), digits.data());
-    return string;
+    auto unwritten = NSString::unwrittenLatin1(static_cast<CFIndex>(2 * receiver->length()));
+    writeHex(receiver->bytes(), receiver->length(), unwritten.text.data());
+    return std::move(unwritten.string);
 }
 
 } // namespace KeyfoldAdditions

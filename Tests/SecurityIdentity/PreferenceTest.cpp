@@ -35,6 +35,8 @@ struct DiskCalls {
     std::string failing;
 };
 DiskCalls* diskCalls = nullptr;
+/// How many of the next writes a signal interrupts.
+int interruptions = 0;
 
 bool fails(const std::string& call)
 {
@@ -212,6 +214,14 @@ TEST_F(PreferenceFiles, KeepTheOldRecordWhereWritingFails)
     const WatchedDisk disk("fsync folder");
     EXPECT_EQ(writeIdentityPreference("a", digestOf(2)).status(), errSecIO);
     EXPECT_EQ(files().size(), 1U);
+}
+
+TEST_F(PreferenceFiles, AreWrittenWholeAcrossInterruptions)
+{
+    interruptions = 2;
+    EXPECT_TRUE(writeIdentityPreference("a", digestOf(1)));
+    EXPECT_EQ(interruptions, 0);
+    EXPECT_EQ(*readIdentityPreference("a"), digestOf(1));
 }
 
 TEST_F(PreferenceFiles, KeepTheOldRecordOnAFullDisk)
@@ -512,6 +522,12 @@ TEST_F(IdentityPreferences, TellWhyTheyCannotBeFound)
     EXPECT_TRUE(faults_->fired());
     faults_->disarm();
     EXPECT_EQ(copy("a"_ns), errSecSuccess);
+    // The first of several reasons: here the key is locked in, too.
+    memory_->setPassphrase(home_.defaultKeychain().string(), "open sesame");
+    EXPECT_EQ(copy("a"_ns), errSecInteractionNotAllowed);
+    memory_->create(home_.olderKeychain().string()); // comes first now
+    faults_->arm(Operation::open, 1, errSecInvalidKeychain);
+    EXPECT_EQ(copy("a"_ns), errSecInvalidKeychain);
 }
 
 TEST_F(IdentityPreferences, AreFoundBesideAKeychainThatCannotBeRead)
@@ -581,6 +597,16 @@ int fsync(int descriptor)
     if (fails(S_ISDIR(status.st_mode) ? "fsync folder" : "fsync file"))
         return -1;
     return real(descriptor);
+}
+
+ssize_t write(int descriptor, const void* bytes, size_t count)
+{
+    static const auto real = libraryFunction(&write);
+    if (interruptions == 0)
+        return real(descriptor, bytes, count);
+    --interruptions;
+    errno = EINTR;
+    return -1;
 }
 
 int renameat(int from, const char* name, int to, const char* newName) noexcept
