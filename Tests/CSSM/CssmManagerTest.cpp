@@ -138,8 +138,6 @@ TEST_F(CssmManagerTest, RefusesToAttachWithWhatItDoesNotSupport)
     ASSERT_EQ(initialize(), CSSM_OK);
     ASSERT_EQ(load(gGuidAppleCSP), CSSM_OK);
     const auto functions = memory.functions();
-    auto incomplete = functions;
-    incomplete.free_func = nullptr;
     const CSSM_VERSION version30{3, 0};
     CSSM_FUNC_NAME_ADDR table{};
     CSSM_MODULE_HANDLE handle = 42;
@@ -155,7 +153,19 @@ TEST_F(CssmManagerTest, RefusesToAttachWithWhatItDoesNotSupport)
     const auto csp = CSSM_SERVICE_CSP;
     EXPECT_EQ(attempt(nullptr, f, 0, csp, 0, 0, nullptr, 0, nullptr, &handle), CSSMERR_CSSM_INVALID_POINTER);
     EXPECT_EQ(attempt(v, nullptr, 0, csp, 0, 0, nullptr, 0, nullptr, &handle), CSSMERR_CSSM_INVALID_POINTER);
-    EXPECT_EQ(attempt(v, &incomplete, 0, csp, 0, 0, nullptr, 0, nullptr, &handle), CSSMERR_CSSM_INVALID_POINTER);
+    for (int missing = 0; missing < 4; ++missing) {
+        auto incomplete = functions;
+        if (missing == 0)
+            incomplete.malloc_func = nullptr;
+        else if (missing == 1)
+            incomplete.free_func = nullptr;
+        else if (missing == 2)
+            incomplete.realloc_func = nullptr;
+        else
+            incomplete.calloc_func = nullptr;
+        EXPECT_EQ(attempt(v, &incomplete, 0, csp, 0, 0, nullptr, 0, nullptr, &handle), CSSMERR_CSSM_INVALID_POINTER)
+            << missing;
+    }
     EXPECT_EQ(attempt(v, f, 0, csp, 0, 0, nullptr, 0, &table, &handle), CSSMERR_CSSM_INVALID_POINTER);
     EXPECT_EQ(attempt(v, f, 0, csp, 0, 0, nullptr, 0, nullptr, nullptr), CSSMERR_CSSM_INVALID_POINTER);
     EXPECT_EQ(attempt(&version30, f, 0, csp, 0, 0, nullptr, 0, nullptr, &handle), CSSMERR_CSSM_INCOMPATIBLE_VERSION);

@@ -46,14 +46,16 @@ TEST(PolicySearch, AnUnknownIdentifierFindsNothing)
 
 TEST(PolicySearch, RefusesOtherTypesAndValues)
 {
-    SecPolicySearchRef search;
+    auto search = searchFor(nullptr);
     EXPECT_EQ(SecPolicySearchCreate(1, nullptr, nullptr, &search), errSecParam);
     EXPECT_FALSE(search);
     const CSSM_DATA value;
     EXPECT_EQ(SecPolicySearchCreate(CSSM_CERT_X_509v3, nullptr, &value, &search), errSecParam);
     EXPECT_EQ(SecPolicySearchCreate(CSSM_CERT_X_509v3, nullptr, nullptr, nullptr), errSecParam);
     SecPolicyRef policy;
+    ASSERT_EQ(SecPolicySearchCopyNext(searchFor(nullptr), &policy), errSecSuccess);
     EXPECT_EQ(SecPolicySearchCopyNext(nullptr, &policy), errSecInvalidSearchRef);
+    EXPECT_FALSE(policy);
     EXPECT_EQ(SecPolicySearchCopyNext(searchFor(nullptr), nullptr), errSecParam);
     CSSM_OID identifier;
     EXPECT_EQ(SecPolicyGetOID(nullptr, &identifier), errSecParam);
