@@ -5,11 +5,30 @@ function(keyfold_target name)
   target_link_libraries(${name} PRIVATE keyfold_settings)
 endfunction()
 
-# keyfold_shared_library(NAME): a library that programs and bundles share, in a folder of its own where it is installed.
-function(keyfold_shared_library name)
+# The libraries are the system's own, not the machine's: a folder that the dynamic linker does not search. Whoever links
+# them finds them by their own place.
+set(KEYFOLD_LIBRARY_FOLDER "lib/${CMAKE_LIBRARY_ARCHITECTURE}/keyfold")
+
+# keyfold_shared_library(NAME COMPONENT HEADERS): a library that programs and bundles share, installed by the package
+# COMPONENT. HEADERS is the folder above the one that its headers are included from.
+function(keyfold_shared_library name component headers)
   keyfold_target(${name})
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
-  install(TARGETS ${name} LIBRARY DESTINATION lib/keyfold)
+  target_include_directories(${name} PUBLIC "$<BUILD_INTERFACE:${headers}>" $<INSTALL_INTERFACE:include/keyfold>)
+  install(TARGETS ${name} EXPORT Keyfold LIBRARY DESTINATION ${KEYFOLD_LIBRARY_FOLDER} COMPONENT ${component})
+endfunction()
+
+# keyfold_manual(FILE COMPONENT): a page of the manual, compressed as it is installed.
+find_program(GZIP gzip REQUIRED)
+function(keyfold_manual file component)
+  set(made "${CMAKE_CURRENT_BINARY_DIR}/${file}.gz")
+  add_custom_command(
+    OUTPUT "${made}"
+    COMMAND "${GZIP}" -9nc "${CMAKE_CURRENT_SOURCE_DIR}/${file}" > "${made}"
+    DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${file}"
+    VERBATIM)
+  add_custom_target(${file} ALL DEPENDS "${made}")
+  install(FILES "${made}" DESTINATION share/man/man1 COMPONENT ${component})
 endfunction()
 
 # keyfold_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [PROPERTIES ...]): a GoogleTest program, each of its tests

@@ -8,7 +8,8 @@ cmake --install "$build" --prefix /usr > /dev/null
 ldconfig
 # Where an ordinary user can run them.
 install "$build/bin/polkit_agent" "$build/bin/rights" /usr/local/bin
-export LD_LIBRARY_PATH=/usr/lib/keyfold
+LD_LIBRARY_PATH=$(dirname /usr/lib/*/keyfold/libKeyfoldSecurity.so)
+export LD_LIBRARY_PATH
 policy=/usr/share/polkit-1/actions/keyfold.policy
 launcher=/usr/libexec/keyfold/keyfold-launcher
 installed_authority=/usr/lib/keyfold/KFInstaller.bundle/Contents/Resources/orvane_ca.der
