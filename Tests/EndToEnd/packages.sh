@@ -22,12 +22,13 @@ update-ca-certificates > /dev/null 2>&1
 useradd -m -u 4720 -s /bin/sh erin
 member erin
 chmod 644 erin.p12 erin.passphrase
-# Every path, and the content of what programs are configured by, but for dpkg's log and what it keeps of its database.
+# Every path where packages and the tool put something, and the content of what programs are configured by; but not what
+# dpkg and apt keep of themselves.
 machine() {
-    find / -xdev \( -path /tmp -o -path /home -o -path /root -o -path /var/log -o -path '/var/lib/dpkg/*-old' \) -prune -o \
+    find / -maxdepth 1 | sort
+    find /etc /opt /run /usr /var \( -path /var/log -o -path '/var/lib/dpkg/*-old' -o -path '/var/*/apt' \) -prune -o \
         -printf '%p %y %l\n' | sort
-    find /run -printf '%p %y\n' | sort
-    find /etc -xdev -type f ! -path '*/java/cacerts' -exec sha256sum {} + | sort
+    find /etc -type f ! -path '*/java/cacerts' -exec sha256sum {} + | sort
 }
 homes() { find /home /root -xdev -type f -exec sha256sum {} + | sort; }
 machine > machine.before
