@@ -345,6 +345,40 @@ TEST_F(CssmManagerTest, WhatAModuleThrowsBecomesAnError)
     EXPECT_EQ(unload(gGuidAppleCSP), CSSM_OK);
 }
 
+TEST_F(CssmManagerTest, AContextOfWhatWasDetachedMeanwhileIsNotMade)
+{
+    class Session final : public CssmSession {
+    public:
+        explicit Session(const CSSM_MODULE_HANDLE& own) noexcept : own_(own) { }
+        Result<std::shared_ptr<const CssmContext>> createDigestContext(CSSM_ALGORITHMS) override
+        {
+            EXPECT_EQ(CSSM_ModuleDetach(own_), CSSM_OK);
+            return std::shared_ptr<const CssmContext>(std::make_shared<CssmContext>());
+        }
+
+    private:
+        const CSSM_MODULE_HANDLE& own_;
+    };
+    class Module final : public CssmModule {
+    public:
+        explicit Module(const CSSM_MODULE_HANDLE& handle) noexcept : handle_(handle) { }
+        CSSM_SERVICE_MASK services() const noexcept override { return CSSM_SERVICE_CSP; }
+        Result<std::unique_ptr<CssmSession>> attach(CSSM_SERVICE_TYPE, const CssmMemory&) override
+        {
+            return std::unique_ptr<CssmSession>(std::make_unique<Session>(handle_));
+        }
+
+    private:
+        const CSSM_MODULE_HANDLE& handle_;
+    };
+    CSSM_MODULE_HANDLE handle = 0;
+    manager.registerModule(testModuleGuid, std::make_shared<Module>(handle));
+    handle = attached(testModuleGuid, CSSM_SERVICE_CSP);
+    CSSM_CC_HANDLE context = 42;
+    EXPECT_EQ(CSSM_CSP_CreateDigestContext(handle, CSSM_ALGID_SHA1, &context), CSSMERR_CSP_INVALID_CSP_HANDLE);
+    EXPECT_EQ(context, 42U);
+}
+
 TEST_F(CssmManagerTest, ServesManyThreadsAtOnce)
 {
     constexpr int threads = 8;

@@ -13,7 +13,6 @@ namespace {
 using namespace kf::test;
 using namespace kf::authorization;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// The arguments of a shell that runs `script`.
 Ref<NSArray> shell(const std::string& script)

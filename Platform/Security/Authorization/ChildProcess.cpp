@@ -122,6 +122,7 @@ bool wasStarted(int report) noexcept
 std::vector<char*> slotsOf(const std::vector<std::string>& words)
 {
     std::vector<char*> slots;
+    slots.reserve(words.size() + 1);
     for (const std::string& word : words)
         slots.push_back(const_cast<char*>(word.c_str()));
     slots.push_back(nullptr);
