@@ -3,6 +3,7 @@
 #include "Tests/Support/Fixtures.h"
 
 #include <gmock/gmock.h>
+#include <openssl/err.h>
 
 namespace kf::test {
 namespace {
@@ -229,6 +230,9 @@ constexpr SignatureVector signatureVectors[] = {
 
 class CspSignatureTest : public CspTest {
 protected:
+    CspSignatureTest() { ERR_clear_error(); }
+    ~CspSignatureTest() override { EXPECT_EQ(ERR_peek_error(), 0U) << "OpenSSL's queue is as it was"; }
+
     CSSM_CC_HANDLE signatureContext(CSSM_ALGORITHMS algorithm, const CSSM_KEY& key)
     {
         CSSM_CC_HANDLE context = 0;
@@ -336,6 +340,30 @@ TEST_F(CspSignatureTest, PrivateKeysSignAndPublicKeysVerify)
     EXPECT_EQ(signature.Data, nullptr);
 }
 
+TEST_F(CspSignatureTest, RefusesMissingPointersAndSmallBuffers)
+{
+    const CSSM_DATA input = dataOf(text);
+    const CSSM_DATA unreadable{3, nullptr};
+    CSSM_DATA signature;
+    const auto signing = signatureContext(CSSM_ALGID_SHA256WithECDSA, ec.privateKey());
+    for (const CSSM_DATA* buffer : {static_cast<const CSSM_DATA*>(nullptr), &unreadable})
+        EXPECT_EQ(CSSM_SignData(signing, buffer, 1, CSSM_ALGID_NONE, &signature), CSSMERR_CSP_INVALID_INPUT_POINTER);
+    EXPECT_EQ(CSSM_SignData(signing, &input, 1, CSSM_ALGID_NONE, nullptr), CSSMERR_CSP_INVALID_OUTPUT_POINTER);
+    std::uint8_t small[8] = {};
+    CSSM_DATA tooSmall{sizeof small, small};
+    EXPECT_EQ(CSSM_SignData(signing, &input, 1, CSSM_ALGID_NONE, &tooSmall), CSSMERR_CSP_OUTPUT_LENGTH_ERROR);
+    EXPECT_THAT(small, testing::Each(0));
+    memory.failAfter(0);
+    EXPECT_EQ(CSSM_SignData(signing, &input, 1, CSSM_ALGID_NONE, &signature), CSSMERR_CSP_MEMORY_ERROR);
+    EXPECT_EQ(signature.Data, nullptr);
+    memory.neverFail();
+    const auto verifying = signatureContext(CSSM_ALGID_SHA256WithECDSA, ec.publicKey());
+    for (const CSSM_DATA* buffer : {static_cast<const CSSM_DATA*>(nullptr), &unreadable}) {
+        EXPECT_EQ(CSSM_VerifyData(verifying, buffer, 1, CSSM_ALGID_NONE, &input), CSSMERR_CSP_INVALID_INPUT_POINTER);
+        EXPECT_EQ(CSSM_VerifyData(verifying, &input, 1, CSSM_ALGID_NONE, buffer), CSSMERR_CSP_INVALID_INPUT_POINTER);
+    }
+}
+
 TEST_F(CspSignatureTest, AKeyServesOnlyTheUseThatItNames)
 {
     const CSSM_DATA input = dataOf(text);
@@ -389,6 +417,9 @@ TEST_F(CspSignatureTest, RefusesKeysThatDoNotFit)
     };
     EXPECT_EQ(attempt(CSSM_ALGID_SHA1, rsa.privateKey()), CSSMERR_CSP_INVALID_ALGORITHM);
     EXPECT_EQ(attempt(CSSM_ALGID_SHA256WithECDSA, rsa.privateKey()), CSSMERR_CSP_ALGID_MISMATCH);
+    CSSM_KEY ecKey = ec.privateKey();
+    ecKey.KeyHeader.Format = CSSM_KEYBLOB_RAW_FORMAT_PKCS1;
+    EXPECT_EQ(attempt(CSSM_ALGID_SHA256WithECDSA, ecKey), CSSMERR_CSP_UNSUPPORTED_KEY_FORMAT);
     EXPECT_EQ(altered([](CSSM_KEY& key) { key.KeyHeader.BlobType = CSSM_KEYBLOB_REFERENCE; }),
         CSSMERR_CSP_KEY_BLOB_TYPE_INCORRECT);
     EXPECT_EQ(altered([](CSSM_KEY& key) { key.KeyHeader.KeyClass = CSSM_KEYCLASS_SESSION_KEY; }),

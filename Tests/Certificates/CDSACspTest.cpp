@@ -11,7 +11,6 @@ namespace kf::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 CSSM_DATA dataOf(std::string_view text)
 {

@@ -85,7 +85,7 @@ std::string opensslBase64(const std::string& bytes)
 {
     const auto file = std::filesystem::temp_directory_path() / ("keyfold-base64-" + std::to_string(::getpid()));
     writeFile(file, bytes);
-    const auto text = mustRun({"openssl", "base64", "-in", file.string()});
+    auto text = mustRun({"openssl", "base64", "-in", file.string()});
     std::filesystem::remove(file);
     return text;
 }

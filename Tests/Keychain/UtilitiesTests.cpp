@@ -2,7 +2,7 @@
 #include "Keychain/NSArray+LastCommonElement.h"
 #include "Tests/Keychain/KeychainTest.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace {
 
@@ -297,7 +297,7 @@ TEST_F(PathForKeychainItem, IsAskedForWithOneByteAndThenWithRoom)
             *length = 10;
             return OSStatus{errSecBufferTooSmall};
         }
-        std::memcpy(path, "/short", 6);
+        std::copy_n("/short", 6, path);
         *length = 4;
         return OSStatus{errSecSuccess};
     };
@@ -449,6 +449,7 @@ TEST(DomainPathSort, SortsASearchList)
         "/home/ada/.local/share/pki/nssdb"_ns, "/System/Library/Keychains/a.keychain"_ns};
     std::ranges::sort(paths, [](const auto& path, const auto& other) { return sorted(path, other) < 0; });
     std::vector<std::string> texts;
+    texts.reserve(paths.size());
     for (const auto& path : paths)
         texts.push_back(toUTF8(path));
     EXPECT_THAT(texts,

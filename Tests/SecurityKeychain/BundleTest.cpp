@@ -6,7 +6,6 @@
 
 namespace {
 
-using kf::keychain::PrivateKey;
 using kf::keychain::readBundle;
 using kf::test::ada;
 using kf::test::authority;

@@ -17,14 +17,12 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 using kf::test::ada;
 using kf::test::authority;
-using kf::test::BundleOptions;
 using kf::test::defaultKeychain;
 using kf::test::find;
 using kf::test::grace;
 using kf::test::identities;
 using kf::test::import;
 using kf::test::looseCertificate;
-using testing::IsEmpty;
 using testing::SizeIs;
 using Clock = std::chrono::steady_clock;
 

@@ -10,7 +10,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using kf::keychain::asBytes;
 using kf::keychain::mostBundleCertificates;
 using kf::keychain::mostBundleKeys;
 using kf::keychain::readBundle;

@@ -23,13 +23,11 @@ using kf::test::Bytes;
 using kf::test::defaultKeychain;
 using kf::test::find;
 using kf::test::grace;
-using kf::test::looseCertificate;
 using kf::test::parsed;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::UnorderedElementsAre;
 
 using Progress = Intent::Progress;
 using Purpose = Intent::Purpose;

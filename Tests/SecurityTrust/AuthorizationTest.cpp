@@ -18,7 +18,6 @@ using kf::authorization::NoRightsBackend;
 using kf::authorization::setBackend;
 using kf::test::RecordingAuthorization;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr AuthorizationFlags everyFlag =
     kAuthorizationFlagInteractionAllowed | kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize;

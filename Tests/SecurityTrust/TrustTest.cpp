@@ -27,8 +27,6 @@ using kf::test::Authority;
 using kf::test::BundleOptions;
 using kf::test::Bytes;
 using kf::test::mustRun;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr TrustLevel no = TrustLevel::unspecified;
 constexpr TrustLevel yes = TrustLevel::trusted;
