@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <set>
 #include <sys/stat.h>
@@ -23,7 +24,10 @@ namespace {
 // What happens at the next calls of functions of the C library.
 std::function<void()> whileSleeping;
 std::function<void()> beforeRename;
+std::function<void(int)> beforeSync;
+std::function<void(const std::string&)> afterUnlink;
 int syncsToFail = 0;
+int readsToFail = 0;
 
 void takeAndCall(std::function<void()>& hook)
 {
@@ -48,9 +52,39 @@ extern "C" int rename(const char* from, const char* to) noexcept
     return real(from, to);
 }
 
+extern "C" int unlink(const char* path) noexcept
+{
+    static const auto real = kf::test::libraryFunction(&unlink);
+    const int result = real(path);
+    if (afterUnlink)
+        afterUnlink(path);
+    return result;
+}
+
+extern "C" ssize_t pread(int descriptor, void* buffer, size_t size, off_t place)
+{
+    static const auto real = kf::test::libraryFunction(&pread);
+    if (readsToFail > 0) {
+        --readsToFail;
+        errno = EIO;
+        return -1;
+    }
+    return real(descriptor, buffer, size, place);
+}
+
+extern "C" int fsync(int descriptor)
+{
+    static const auto real = kf::test::libraryFunction(&fsync);
+    if (beforeSync)
+        beforeSync(descriptor);
+    return real(descriptor);
+}
+
 extern "C" int fdatasync(int descriptor)
 {
     static const auto real = kf::test::libraryFunction(&fdatasync);
+    if (beforeSync)
+        beforeSync(descriptor);
     if (syncsToFail > 0) {
         --syncsToFail;
         errno = EIO;
@@ -81,9 +115,16 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+fs::path pathOf(int descriptor) { return fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor)); }
+
 class Files : public testing::Test {
 protected:
-    ~Files() override { closeAll(); }
+    ~Files() override
+    {
+        beforeSync = nullptr;
+        afterUnlink = nullptr;
+        closeAll();
+    }
 
     fs::path database() const { return home_.defaultKeychain(); }
     /// Everything below the home folder; links are not followed.
@@ -341,6 +382,163 @@ TEST_F(Files, ARecordThatDoesNotReachTheDiskStopsTheChangeAndIsTakenBack)
     EXPECT_EQ(syncsToFail, 0);
     EXPECT_EQ(find(defaultKeychain(), kSecCertificateItemClass).items.size(), 1U);
     EXPECT_EQ(*readTrust(defaultKeychain(), authority().root()), trust);
+}
+
+TEST_F(Files, ARecordThatCannotBeReadRefusesTheWriterAndStays)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    const auto record = database() / IntentFile::fileName;
+    writeFile(record, "keyfold-intent 2\nmake\n");
+    readsToFail = 1;
+    EXPECT_EQ(IntentFile::acquire(database()).status(), errSecIO);
+    EXPECT_EQ(readsToFail, 0);
+    EXPECT_TRUE(fs::exists(record));
+    EXPECT_TRUE(IntentFile::acquire(database()));
+}
+
+TEST_F(Files, ATurnTakesNoRecordFromADatabaseThatWasPutInPlaceMeanwhile)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    auto turn = IntentFile::acquire(database());
+    ASSERT_TRUE(turn) << turn.status();
+    fs::rename(database(), home_.path() / "away");
+    fs::create_directories(database());
+    auto theirs = IntentFile::acquire(database());
+    ASSERT_TRUE(theirs) << theirs.status();
+    turn->reset();
+    EXPECT_TRUE(fs::exists(database() / IntentFile::fileName));
+    EXPECT_FALSE(fs::exists(home_.path() / "away" / IntentFile::fileName));
+}
+
+TEST_F(Files, AChangeCannotComeUndoneOnceTheRecordSpeaksOfIt)
+{
+    ASSERT_EQ(writeTrust(defaultKeychain(), authority().root(), {}).status(), errSecSuccess);
+    // After a power cut, a journal whose removal did not get to the disk is there again, and is rolled back.
+    int ended = 0;
+    int spokenOf = 0;
+    bool isOnDisk = true;
+    afterUnlink = [&](const std::string& path) {
+        if (!path.ends_with("-journal"))
+            return;
+        ++ended;
+        isOnDisk = false;
+    };
+    beforeSync = [&](int descriptor) {
+        const auto path = pathOf(descriptor);
+        isOnDisk = isOnDisk || path == database();
+        if (path.filename() != IntentFile::fileName)
+            return;
+        ++spokenOf;
+        EXPECT_TRUE(isOnDisk);
+    };
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    EXPECT_EQ(ended, 3);
+    EXPECT_EQ(spokenOf, 1 + 3 + 1);
+    for (const auto& item : find(defaultKeychain(), kSecCertificateItemClass).items)
+        EXPECT_EQ(SecKeychainItemDelete(item), errSecSuccess);
+    EXPECT_GE(ended, 3 + 2 + 2);
+    EXPECT_EQ(spokenOf, 5 + 2);
+}
+
+TEST_F(Files, ANewDatabasesNameReachesTheDisk)
+{
+    bool isOnDisk = false;
+    beforeSync = [&](int descriptor) {
+        isOnDisk = isOnDisk || (fs::exists(database()) && pathOf(descriptor) == database().parent_path());
+    };
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    EXPECT_TRUE(isOnDisk);
+}
+
+TEST_F(Files, LookingIntoADatabaseTakesNoLockFromItsWriter)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    int looked = 0;
+    beforeSync = [&](int descriptor) {
+        if (pathOf(descriptor).filename() != "cert9.db-journal")
+            return;
+        ++looked;
+        EXPECT_TRUE(isBeingWritten(database()));
+        EXPECT_TRUE(inspectDatabase(database()));
+        EXPECT_TRUE(databaseGeneration(database()));
+        EXPECT_TRUE(isBeingWritten(database()));
+    };
+    EXPECT_EQ(SecCertificateAddToKeychain(looseCertificate(authority().root()), nullptr), errSecSuccess);
+    EXPECT_GT(looked, 0);
+    EXPECT_FALSE(isBeingWritten(database()));
+}
+
+TEST_F(Files, ADatabaseThatAnotherProgramKeepsLockedIsBusyAndNotDamaged)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    closeAll();
+    // As SQLite locks before it changes anything: the reserved byte.
+    struct flock reserved { };
+    reserved.l_type = F_WRLCK;
+    reserved.l_whence = SEEK_SET;
+    reserved.l_start = 0x40000001;
+    reserved.l_len = 1;
+    const int other = ::open((database() / "key4.db").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(::fcntl(other, F_OFD_SETLK, &reserved), 0);
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecKeychainBusy);
+    ::close(other);
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+}
+
+// --- Makers that died ---
+
+class HalfMoved : public Files {
+protected:
+    HalfMoved()
+    {
+        EXPECT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+        closeAll();
+        fs::create_directory(leftover_);
+    }
+
+    fs::path leftover_ = database().parent_path() / ".nssdb.keyfold-new-abcdef";
+};
+
+TEST_F(HalfMoved, TheNextImportFinishesTheMove)
+{
+    fs::rename(database() / "cert9.db", leftover_ / "cert9.db");
+    writeFile(database() / "cert9.db-journal", "of one that was deleted");
+    EXPECT_EQ(find(defaultKeychain(), kSecCertificateItemClass).end, errSecKeychainIncomplete) << "reading only reads";
+    ASSERT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+    EXPECT_THAT(identities(), SizeIs(2));
+    EXPECT_FALSE(fs::exists(leftover_));
+}
+
+TEST_F(HalfMoved, AFileThatWasLostAnotherWayIsNotTakenFromALeftover)
+{
+    const auto keys = readFile(database() / "key4.db");
+    fs::copy(database() / "key4.db", leftover_);
+    fs::rename(database() / "cert9.db", leftover_ / "cert9.db");
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecKeychainIncomplete);
+    EXPECT_FALSE(fs::exists(database() / "cert9.db"));
+    EXPECT_EQ(readFile(database() / "key4.db"), keys);
+    fs::rename(leftover_ / "cert9.db", database() / "cert9.db");
+    fs::rename(database() / "key4.db", leftover_ / "key4.db");
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecKeychainIncomplete);
+    EXPECT_FALSE(fs::exists(database() / "key4.db"));
+}
+
+TEST_F(Files, AJournalOfADeletedDatabaseIsNotLeftBesideTheNewOne)
+{
+    const std::vector<std::string> journals = {"cert9.db-journal", "key4.db-journal", "key4.db-wal"};
+    fs::create_directories(database());
+    for (const auto& journal : journals)
+        writeFile(database() / journal, "of one that was deleted");
+    writeFile(database() / "pkcs11.txt", "mine");
+    auto fresh = NewDatabase::begin(database(), false);
+    ASSERT_TRUE(fresh) << fresh.status();
+    for (const char* file : {"cert9.db", "key4.db"})
+        writeFile(fs::path((*fresh)->directory()) / file, "ours");
+    EXPECT_EQ((*fresh)->moveIntoPlace().status(), errSecSuccess);
+    for (const auto& journal : journals)
+        EXPECT_FALSE(fs::exists(database() / journal)) << journal;
+    EXPECT_TRUE(fs::exists(database() / "cert9.db"));
+    EXPECT_TRUE(fs::exists(database() / "pkcs11.txt"));
 }
 
 // --- Whose folders ---

@@ -447,6 +447,15 @@ TEST_F(Abandoned, ADeletionThatTookTheTrustIsFinished)
     EXPECT_THAT(settled(), ElementsAre("leaf"));
 }
 
+TEST_F(Abandoned, ADeletionLeavesTheCertificateOfAPrivateKey)
+{
+    // It may have come to its end, and another program may have imported the identity since.
+    addCertificate(leaf_);
+    addKey(ada());
+    ASSERT_EQ((*open()->beginWriting())->declare(Purpose::remove, {certificateName(leaf_)}).status(), errSecSuccess);
+    EXPECT_THAT(settled(), ElementsAre("leaf", "key"));
+}
+
 TEST_F(Abandoned, ADeletionThatTookNothingIsForgotten)
 {
     addCertificate(root_);

@@ -1,8 +1,10 @@
 #include "Security/Keychain/DatabaseFiles.h"
 
 #include "Foundation/NSLog.h"
+#include "Security/Keychain/KeptDescriptors.h"
 #include "Security/ScopedDescriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +17,7 @@
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace kf::keychain {
 
@@ -95,22 +98,21 @@ OSStatus writingStatus(const std::string& path, const struct stat& status)
 
 Status checkHeader(const std::string& file)
 {
-    const ScopedDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (descriptor.get() < 0)
+    const int descriptor = keptDescriptor(file);
+    if (descriptor < 0)
         return Failure{statusOf(errno)};
     constexpr char magic[] = "SQLite format 3"; // with its terminator: 16 bytes
     char header[sizeof magic];
-    if (::pread(descriptor.get(), header, sizeof header, 0) != sizeof header
-        || std::memcmp(header, magic, sizeof magic) != 0)
+    if (::pread(descriptor, header, sizeof header, 0) != sizeof header || std::memcmp(header, magic, sizeof magic) != 0)
         return Failure{errSecInvalidKeychain};
     return {};
 }
 
 std::uint64_t changeCounter(const std::string& file)
 {
-    const ScopedDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    const int descriptor = keptDescriptor(file);
     std::uint8_t bytes[4] = {};
-    if (descriptor.get() < 0 || ::pread(descriptor.get(), bytes, sizeof bytes, 24) != sizeof bytes)
+    if (descriptor < 0 || ::pread(descriptor, bytes, sizeof bytes, 24) != sizeof bytes)
         return 0;
     return static_cast<std::uint64_t>(bytes[0]) << 24U | static_cast<std::uint64_t>(bytes[1]) << 16U
         | static_cast<std::uint64_t>(bytes[2]) << 8U | bytes[3];
@@ -172,12 +174,68 @@ bool renameWithoutReplacing(const std::string& from, const std::string& to)
     return ::rename(from.c_str(), to.c_str()) == 0;
 }
 
-void removeLeftovers(const std::filesystem::path& parent, const std::string& prefix)
+bool isThere(const std::string& file)
 {
+    struct stat status { };
+    return ::lstat(file.c_str(), &status) == 0;
+}
+
+/// Moves a database's file over nothing. True also where one stands there.
+bool moveFile(const std::string& from, const std::string& to, const char* name)
+{
+    // A journal without its file is left of a database that was deleted. SQLite would roll it back into the new one.
+    if (!isThere(fileIn(to, name)))
+        for (const char* suffix : {"-journal", "-wal"})
+            ::unlink((fileIn(to, name) + suffix).c_str());
+    return renameWithoutReplacing(fileIn(from, name), fileIn(to, name)) || errno == EEXIST;
+}
+
+/// Where a new database is made: beside its place.
+struct Place {
+    std::filesystem::path target;
+    std::filesystem::path parent;
+    std::string prefix; ///< of the names of the directories in which it is made
+
+    /// A link to a folder keeps being one: the database is made, and moved, where the link leads.
+    static Result<Place> of(const std::string& path)
+    {
+        std::error_code error;
+        const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
+        if (error)
+            return makingFailure(error.value(), path);
+        return Place{target, target.parent_path(), "." + target.filename().string() + newDirectoryMark};
+    }
+};
+
+/// One maker at a time. Whoever may read the folder can hold its lock, so nobody waits for ever.
+Result<ScopedDescriptor> lockParent(const std::filesystem::path& parent)
+{
+    ScopedDescriptor lock(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (lock.get() < 0)
+        return makingFailure(errno, parent);
+    const auto deadline = std::chrono::steady_clock::now() + makersPatience;
+    while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            return makingFailure(errno, parent);
+        if (std::chrono::steady_clock::now() >= deadline)
+            return logged(errSecKeychainBusy, parent, "kept locked by another program");
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return lock;
+}
+
+/// This user's directories whose names begin so.
+std::vector<std::string> leftovers(const Place& place)
+{
+    std::vector<std::string> found;
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(parent, ignored))
-        if (entry.path().filename().string().starts_with(prefix))
-            std::filesystem::remove_all(entry.path(), ignored);
+    for (const auto& entry : std::filesystem::directory_iterator(place.parent, ignored)) {
+        struct stat status { };
+        if (entry.path().filename().string().starts_with(place.prefix) && ::lstat(entry.path().c_str(), &status) == 0
+            && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid())
+            found.push_back(entry.path());
+    }
+    return found;
 }
 
 } // namespace
@@ -238,6 +296,11 @@ bool holdsDatabaseFiles(const std::string& path)
     return false;
 }
 
+bool isBeingWritten(const std::string& path)
+{
+    return std::ranges::any_of(fileNames, [&](const char* name) { return isLockedForWriting(fileIn(path, name)); });
+}
+
 Result<Generation> databaseGeneration(const std::string& path)
 {
     Generation generation{};
@@ -263,35 +326,25 @@ Result<std::unique_ptr<NewDatabase>> NewDatabase::begin(const std::string& path,
 {
     if (const auto allowed = checkAncestor(path); !allowed)
         return allowed.failure();
-    // A link to a folder keeps being one: the database is made, and moved, where the link leads.
-    std::error_code error;
-    const std::filesystem::path target = std::filesystem::weakly_canonical(path, error);
-    if (error)
-        return makingFailure(error.value(), path);
-    const std::filesystem::path parent = target.parent_path();
-    const std::string prefix = "." + target.filename().string() + newDirectoryMark;
-    std::string pattern = (parent / (prefix + "XXXXXX")).string();
+    const auto place = Place::of(path);
+    if (!place)
+        return place.failure();
+    const auto& parent = place->parent;
+    std::string pattern = (parent / (place->prefix + "XXXXXX")).string();
     if (pattern.size() > longestDirectory)
         return logged(errSecKeychainPathTooLong, path, "too long for a database");
     if (const auto made = makeDirectories(parent, readableByAll ? 0755 : 0700); !made)
         return made.failure();
-    ScopedDescriptor lock(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (lock.get() < 0)
-        return makingFailure(errno, parent);
-    // One maker at a time; what an earlier one that died left behind goes. Whoever may read the folder can hold its
-    // lock, so nobody waits for ever.
-    const auto deadline = std::chrono::steady_clock::now() + makersPatience;
-    while (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR)
-            return makingFailure(errno, parent);
-        if (std::chrono::steady_clock::now() >= deadline)
-            return logged(errSecKeychainBusy, parent, "kept locked by another program");
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    removeLeftovers(parent, prefix);
+    auto lock = lockParent(parent);
+    if (!lock)
+        return lock.failure();
+    // What a maker that died left behind goes.
+    std::error_code ignored;
+    for (const auto& leftover : leftovers(*place))
+        std::filesystem::remove_all(leftover, ignored);
     if (!::mkdtemp(pattern.data()))
         return makingFailure(errno, parent);
-    std::unique_ptr<NewDatabase> fresh(new NewDatabase(target, readableByAll, std::move(lock)));
+    std::unique_ptr<NewDatabase> fresh(new NewDatabase(place->target, readableByAll, std::move(*lock)));
     fresh->directory_ = pattern;
     return fresh;
 }
@@ -300,6 +353,27 @@ NewDatabase::~NewDatabase()
 {
     std::error_code ignored;
     std::filesystem::remove_all(directory_, ignored);
+}
+
+bool NewDatabase::finishMove(const std::string& path)
+{
+    const auto place = Place::of(path);
+    if (!place || !checkAncestor(path))
+        return false;
+    const auto lock = lockParent(place->parent);
+    if (!lock)
+        return false;
+    const std::string target = place->target;
+    for (const auto& leftover : leftovers(*place)) {
+        // The keys' file goes first: one without its sibling, there and here, tells that they belong together.
+        if (!isThere(fileIn(target, "key4.db")) || isThere(fileIn(target, "cert9.db"))
+            || isThere(fileIn(leftover, "key4.db")) || !moveFile(leftover, target, "cert9.db"))
+            continue;
+        std::error_code ignored;
+        std::filesystem::remove_all(leftover, ignored);
+        return true;
+    }
+    return false;
 }
 
 Status NewDatabase::moveIntoPlace()
@@ -311,13 +385,13 @@ Status NewDatabase::moveIntoPlace()
         return makingFailure(errno, directory_);
     // Takes the place of nothing, or of an empty directory.
     if (::rename(directory_.c_str(), path_.c_str()) == 0)
-        return {};
+        return ::fsync(parentLock_.get()) == 0 ? Status() : makingFailure(errno, path_);
     if (errno != ENOTEMPTY && errno != EEXIST)
         return makingFailure(errno, path_);
     // A directory with other things in it: the files move one by one. Where one has appeared since, NSS made it in
     // another program, which then takes the other one as it finds it.
     for (const char* name : {"key4.db", "cert9.db"})
-        if (!renameWithoutReplacing(fileIn(directory_, name), fileIn(path_, name)) && errno != EEXIST)
+        if (!moveFile(directory_, path_, name))
             return makingFailure(errno, path_);
     return {};
 }

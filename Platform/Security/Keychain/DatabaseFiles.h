@@ -33,6 +33,9 @@ Result<DatabaseFiles> inspectDatabase(const std::string& path);
 /// True where the directory holds one of the database's files, whatever its state.
 bool holdsDatabaseFiles(const std::string& path);
 
+/// Whether a program, this one or another, is in the middle of a change of a database.
+bool isBeingWritten(const std::string& path);
+
 /// Sizes, inodes and SQLite's change counters (SQLite file format, 1.3.7).
 Result<Generation> databaseGeneration(const std::string& path);
 
@@ -45,6 +48,8 @@ public:
     /// errSecKeychainWrongType where something else or a link to nothing stands in the way, errSecKeychainPathTooLong.
     /// The log tells which path is meant.
     static Result<std::unique_ptr<NewDatabase>> begin(const std::string& path, bool readableByAll);
+    /// Whether a maker died while it moved the files one by one, and the rest of them stands in its place now.
+    static bool finishMove(const std::string& path);
     NewDatabase(const NewDatabase&) = delete;
     NewDatabase& operator=(const NewDatabase&) = delete;
     ~NewDatabase();

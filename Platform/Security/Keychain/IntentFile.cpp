@@ -128,13 +128,16 @@ std::optional<Intent> parseRecord(std::string_view text)
     return inList ? Intent() : intent;
 }
 
-std::string contentOf(int descriptor)
+Result<std::string> contentOf(int descriptor)
 {
     std::string text;
     char buffer[4096];
-    for (ssize_t count = 0; text.size() <= mostBytes
-         && (count = ::pread(descriptor, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
+    ssize_t count = 0;
+    while (text.size() <= mostBytes
+        && (count = ::pread(descriptor, buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0)
         text.append(buffer, static_cast<std::size_t>(count));
+    if (count < 0)
+        return Failure{errSecIO};
     return text;
 }
 
@@ -144,51 +147,65 @@ Failure failureOf(int error)
 }
 
 /// Whether the file that is locked is still the one that others would find.
-bool isInPlace(int descriptor, const std::string& file)
+bool isInPlace(int descriptor, int directory)
 {
     struct stat held { };
     struct stat found { };
-    return ::fstat(descriptor, &held) == 0 && ::stat(file.c_str(), &found) == 0 && held.st_dev == found.st_dev
-        && held.st_ino == found.st_ino;
+    return ::fstat(descriptor, &held) == 0 && ::fstatat(directory, IntentFile::fileName, &found, 0) == 0
+        && held.st_dev == found.st_dev && held.st_ino == found.st_ino;
 }
 
 } // namespace
 
-IntentFile::IntentFile(std::string directory, ScopedDescriptor descriptor, const std::string& content)
+IntentFile::IntentFile(ScopedDescriptor directory, ScopedDescriptor descriptor) noexcept
     : directory_(std::move(directory)), descriptor_(std::move(descriptor))
 {
-    if (auto record = parseRecord(content))
-        abandoned_ = std::move(*record);
-    else
-        NSLog("%@/%@ is no record of an interrupted change. Nothing was removed for it.",
-            NSString::stringWithUTF8String(directory_), NSString::stringWithUTF8String(fileName));
-    if (!abandoned_.empty())
-        size_ = content.size();
 }
 
-Result<std::unique_ptr<WriteTurn>> IntentFile::acquire(const std::string& directory, std::chrono::milliseconds patience)
+Result<std::unique_ptr<WriteTurn>> IntentFile::acquire(const std::string& path, std::chrono::milliseconds patience)
 {
-    const std::string file = directory + "/" + fileName;
+    ScopedDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0)
+        return failureOf(errno);
     const auto deadline = std::chrono::steady_clock::now() + patience;
     for (;;) {
-        ScopedDescriptor descriptor(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        ScopedDescriptor descriptor(
+            ::openat(directory.get(), fileName, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (descriptor.get() < 0)
             return failureOf(errno);
-        if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) == 0 && isInPlace(descriptor.get(), file)) {
-            const std::string content = contentOf(descriptor.get());
-            return std::unique_ptr<WriteTurn>(new IntentFile(directory, std::move(descriptor), content));
-        }
+        const bool isLocked = ::flock(descriptor.get(), LOCK_EX | LOCK_NB) == 0;
+        if (!isLocked && errno != EWOULDBLOCK && errno != EINTR)
+            return failureOf(errno);
+        if (isLocked && isInPlace(descriptor.get(), directory.get()))
+            return begin(path, std::move(directory), std::move(descriptor));
         if (std::chrono::steady_clock::now() >= deadline)
             return Failure{errSecKeychainBusy};
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
 
+Result<std::unique_ptr<WriteTurn>> IntentFile::begin(
+    const std::string& path, ScopedDescriptor directory, ScopedDescriptor descriptor)
+{
+    const auto content = contentOf(descriptor.get());
+    if (!content)
+        return content.failure();
+    std::unique_ptr<IntentFile> turn(new IntentFile(std::move(directory), std::move(descriptor)));
+    if (auto record = parseRecord(*content))
+        turn->abandoned_ = std::move(*record);
+    else
+        NSLog("%@/%@ is no record of an interrupted change. Nothing was removed for it.",
+            NSString::stringWithUTF8String(path), NSString::stringWithUTF8String(fileName));
+    if (!turn->abandoned_.empty())
+        turn->size_ = content->size();
+    return std::unique_ptr<WriteTurn>(std::move(turn));
+}
+
 IntentFile::~IntentFile()
 {
     // A record that was never taken back stays for the next turn.
     if (size_ == 0)
-        ::unlink((directory_ + "/" + fileName).c_str());
+        ::unlinkat(directory_.get(), fileName, 0);
 }
 
 Status IntentFile::append(const std::string& text)
@@ -198,6 +215,16 @@ Status IntentFile::append(const std::string& text)
         return written < 0 ? failureOf(errno) : Failure{errSecIO};
     size_ += text.size();
     if (::fdatasync(descriptor_.get()) != 0)
+        return Failure{errSecIO};
+    return {};
+}
+
+/// Takes to the disk which files there are: the record, and no journal of the last change any more. SQLite takes the
+/// journal away to end a change, and leaves it to chance when that gets to the disk; with the journal, a power cut
+/// would bring back what was before.
+Status IntentFile::syncDirectory()
+{
+    if (::fsync(directory_.get()) != 0)
         return Failure{errSecIO};
     return {};
 }
@@ -215,19 +242,13 @@ Status IntentFile::declare(Intent::Purpose purpose, const std::vector<ObjectName
         return failureOf(errno);
     if (const auto appended = append(text); !appended)
         return appended;
-    if (isDurable_)
-        return {};
-    const ScopedDescriptor directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.get() < 0)
-        return failureOf(errno);
-    isDurable_ = ::fsync(directory.get()) == 0;
-    if (!isDurable_)
-        return Failure{errSecIO};
-    return {};
+    return syncDirectory();
 }
 
 Status IntentFile::note(const ObjectName& object, Intent::Progress progress)
 {
+    if (const auto synced = syncDirectory(); !synced)
+        return synced;
     return append(std::string(nameOf(progressNames, progress)) + ' ' + lineOf(object));
 }
 
@@ -237,6 +258,8 @@ Status IntentFile::finish()
 {
     if (size_ == 0)
         return {};
+    if (const auto synced = syncDirectory(); !synced)
+        return synced;
     // Emptied, to the disk, before it is removed: a record that came back after a power cut would speak of objects that
     // somebody may have made since.
     if (::ftruncate(descriptor_.get(), 0) != 0)

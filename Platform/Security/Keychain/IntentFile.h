@@ -30,9 +30,9 @@ class IntentFile final : public WriteTurn {
 public:
     static constexpr const char* fileName = "keyfold-intent";
 
-    /// Waits for another process's turn, `patience` at most: errSecKeychainBusy then.
+    /// In the directory at a path. Waits for another process's turn, `patience` at most: errSecKeychainBusy then.
     static Result<std::unique_ptr<WriteTurn>> acquire(
-        const std::string& directory, std::chrono::milliseconds patience = std::chrono::seconds(30));
+        const std::string& path, std::chrono::milliseconds patience = std::chrono::seconds(30));
     ~IntentFile() override;
 
     const Intent& abandoned() const noexcept override { return abandoned_; }
@@ -42,14 +42,16 @@ public:
     Status finish() override;
 
 private:
-    IntentFile(std::string directory, ScopedDescriptor descriptor, const std::string& content);
+    static Result<std::unique_ptr<WriteTurn>> begin(
+        const std::string& path, ScopedDescriptor directory, ScopedDescriptor descriptor);
+    IntentFile(ScopedDescriptor directory, ScopedDescriptor descriptor) noexcept;
     Status append(const std::string& text);
+    Status syncDirectory();
 
-    std::string directory_;
+    ScopedDescriptor directory_; ///< that very one, though another may stand at its path by now
     ScopedDescriptor descriptor_;
     Intent abandoned_;
-    std::size_t size_ = 0;   ///< of the record; 0: there is none
-    bool isDurable_ = false; ///< the directory's entry has reached the disk
+    std::size_t size_ = 0; ///< of the record; 0: there is none
 };
 
 } // namespace kf::keychain

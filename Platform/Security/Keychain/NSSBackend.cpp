@@ -1,6 +1,7 @@
 #include "Security/Keychain/NSSBackend.h"
 
 #include "Foundation/NSLog.h"
+#include "Security/Keychain/KeptDescriptors.h"
 #include "Security/Keychain/Locations.h"
 #include "Security/Keychain/NSSDatabase.h"
 
@@ -80,6 +81,8 @@ public:
     {
         const std::lock_guard lock(mutex_);
         auto files = inspectPatiently(path);
+        if (files.status() == errSecKeychainIncomplete && access == Access::create && NewDatabase::finishMove(path))
+            files = inspectPatiently(path);
         if (files.status() == errSecNoSuchKeychain && access == Access::create) {
             if (const auto started = startNSS(); !started)
                 return started.failure();
@@ -106,6 +109,8 @@ public:
         const std::lock_guard lock(mutex_);
         const bool inUse = std::ranges::any_of(slots_, [](const auto& entry) { return entry.second.use_count() > 1; });
         slots_.clear();
+        if (!inUse)
+            closeKeptDescriptors();
         if (startedNSS_ && !inUse && NSS_Shutdown() == SECSuccess)
             startedNSS_ = false;
     }
@@ -135,9 +140,9 @@ private:
         auto slot = std::make_shared<NSSSlot>();
         slot->path = path;
         slot->slot = openSlot(path, flags);
-        // The files are there and may be read: what NSS cannot open is damaged.
+        // The files are there and may be read: what NSS cannot open is damaged, or another program is writing to it.
         if (!slot->slot)
-            return Failure{errSecInvalidKeychain};
+            return Failure{isBeingWritten(path) ? errSecKeychainBusy : errSecInvalidKeychain};
         const SECMODModule* module = SECMOD_GetInternalModule();
         slot->functions = static_cast<CK_FUNCTION_LIST*>(module->functionList);
         slot->id = PK11_GetSlotID(slot->slot.get());

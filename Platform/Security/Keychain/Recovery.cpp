@@ -134,7 +134,8 @@ std::vector<Bytes> loneKeys(const Contents& contents, const Intent& intent)
 Status unlessGone(const Status& removed, OSStatus gone) { return removed.status() == gone ? Status() : removed; }
 
 /// A deletion takes the trust first. Where it is gone, the certificate is what is left to remove; where there is trust,
-/// nothing had been removed yet, or somebody wants the certificate again.
+/// nothing had been removed yet, or somebody wants the certificate again. One that a private key belongs to stays: it
+/// may have been removed and be another program's now, and its identity would go with it.
 Status finishRemoval(Database& database, const Contents& contents, const Intent& intent)
 {
     for (const auto& object : intent.objects) {
@@ -144,7 +145,8 @@ Status finishRemoval(Database& database, const Contents& contents, const Intent&
         const auto trusted = hasTrust(database, certificate->second);
         if (!trusted)
             return trusted.failure();
-        if (*trusted)
+        const auto keyDigest = keyDigestOf(certificate->second);
+        if (*trusted || (keyDigest && contents.keys.contains(*keyDigest)))
             continue;
         if (const auto removed = unlessGone(database.removeCertificate(certificate->second), errSecInvalidItemRef);
             !removed)
