@@ -58,7 +58,7 @@ protected:
     Ref<NSMutableDictionary> extract()
     {
         testing::internal::CaptureStderr();
-        const auto dictionary = X509Certificate::extractCertDictFromIdentity(identity);
+        auto dictionary = X509Certificate::extractCertDictFromIdentity(identity);
         printed = testing::internal::GetCapturedStderr();
         return dictionary;
     }

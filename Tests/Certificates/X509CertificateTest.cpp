@@ -313,7 +313,7 @@ protected:
     Ref<NSMutableDictionary> extract()
     {
         testing::internal::CaptureStderr();
-        const auto dictionary = X509Certificate::extractCertDictFromCert(certificate);
+        auto dictionary = X509Certificate::extractCertDictFromCert(certificate);
         printed = testing::internal::GetCapturedStderr();
         return dictionary;
     }

@@ -53,7 +53,7 @@ protected:
     }
     fs::path passwordFile(const std::string& text) const
     {
-        const auto file = home_.path() / "password";
+        auto file = home_.path() / "password";
         writeFile(file, text + "\n");
         return file;
     }
