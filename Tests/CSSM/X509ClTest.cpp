@@ -4,6 +4,7 @@
 #include "Tests/CSSM/CssmTestSupport.h"
 #include "Tests/Support/Fixtures.h"
 
+#include <algorithm>
 #include <gmock/gmock.h>
 
 namespace kf::test {
@@ -232,6 +233,43 @@ TEST_F(X509ClTest, DamageIsEitherFoundOrHarmless)
         }
     }
     EXPECT_GT(refused, 100);
+}
+
+/// The first place of `from` in a certificate holds `to`, which is as long.
+Bytes changed(Bytes der, const Bytes& from, const Bytes& to)
+{
+    const auto place = std::search(der.begin(), der.end(), from.begin(), from.end());
+    if (place == der.end() || from.size() != to.size())
+        throw std::runtime_error("a fixture lacks what is to be changed in it");
+    std::copy(to.begin(), to.end(), place);
+    return der;
+}
+
+TEST_F(X509ClTest, PartsThatHoldMoreThanTheirsAreNone)
+{
+    const Bytes der = certificate();
+    const Bytes ada = {0x0C, 0x03, 'A', 'd', 'a'};
+    EXPECT_EQ(getFields(changed(der, ada, {0x0C, 0x01, 'A', 0x05, 0x00})), CSSMERR_CL_UNKNOWN_FORMAT)
+        << "an attribute of type, value and NULL";
+    const Bytes utcTime = {0x17, 0x0D};
+    const auto time = std::search(der.begin(), der.end(), utcTime.begin(), utcTime.end());
+    Bytes threeTimes(time, time + 15);
+    threeTimes[1] = 0x0B;
+    threeTimes[13] = 0x05;
+    threeTimes[14] = 0x00;
+    EXPECT_EQ(getFields(changed(der, {time, time + 15}, threeTimes)), CSSMERR_CL_UNKNOWN_FORMAT)
+        << "a validity of two times and NULL";
+    const Bytes extensions = {0xA3, 0x53, 0x30, 0x51};
+    EXPECT_EQ(getFields(changed(der, extensions, {0xA4, 0x53, 0x30, 0x51})), CSSMERR_CL_UNKNOWN_FORMAT)
+        << "a part that no certificate has";
+}
+
+TEST_F(X509ClTest, AValueKeepsItsWholeTag)
+{
+    ASSERT_EQ(getFields(changed(certificate(), {0x0C, 0x03, 'A', 'd', 'a'}, {0x8C, 0x03, 'A', 'd', 'a'})), CSSM_OK);
+    const auto& issuer = valueAs<CSSM_X509_NAME>(2);
+    EXPECT_EQ(issuer.RelativeDistinguishedName[2].AttributeTypeAndValue[0].valueType, 0x8C);
+    freeFields();
 }
 
 TEST_F(X509ClTest, OtherDerIsNoCertificate)

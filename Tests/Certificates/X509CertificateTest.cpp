@@ -91,6 +91,14 @@ TEST(X509Certificate, GivesEveryPartOfAnRsaCertificate)
     EXPECT_EQ(bytesOf(dictionary, "PublicKey"), readFile(maker.path("public")));
 }
 
+TEST(X509Certificate, PassesOverUniqueIdentifiers)
+{
+    const auto dictionary = dictionaryOf(
+        CertificateMaker().certtool("cn = Ada\nissuer_unique_id = \"0016\"\nsubject_unique_id = \"00153224\"\n"));
+    ASSERT_TRUE(dictionary);
+    EXPECT_EQ(dictionary->count(), 6U);
+}
+
 TEST(X509Certificate, IssuerAndSubjectAreToldApart)
 {
     Authority authority;

@@ -4,6 +4,7 @@
 #include "Security/Keychain/MemoryBackend.h"
 #include "Security/Keychain/NSSBackend.h"
 
+#include <algorithm>
 #include <atomic>
 #include <gmock/gmock.h>
 #include <thread>
@@ -555,7 +556,7 @@ TEST_P(BackendContract, AKeyGoesOutAsItsInfoOrNeverDoes)
         return;
     }
     ASSERT_TRUE(info) << info.status();
-    EXPECT_FALSE(std::ranges::search(*info, key.privateValue).empty());
+    EXPECT_NE(std::search(info->begin(), info->end(), key.privateValue.begin(), key.privateValue.end()), info->end());
     EXPECT_EQ(database.privateKeyInfo(Bytes{1, 2}).status(), errSecInvalidItemRef);
     auto staying = kf::test::parsed(grace()).key;
     staying.extractable = false;
