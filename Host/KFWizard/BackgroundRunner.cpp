@@ -2,6 +2,7 @@
 
 #include "Foundation/Guarded.h"
 #include "Security/Authorization/OpenRequest.h"
+#include "Security/Presenter.h"
 
 #include <QApplication>
 #include <QEvent>
@@ -41,6 +42,13 @@ private:
 };
 
 } // namespace
+
+void giveUpQuestions()
+{
+    authorization::cancelOpenRequests();
+    if (Presenter* presenter = Presenter::current())
+        presenter->giveUp();
+}
 
 bool BackgroundRunner::run(const BackgroundJob& job)
 {
@@ -93,7 +101,7 @@ bool BackgroundRunner::eventFilter(QObject* watched, QEvent* event)
     if (watched != qApp || event->type() != QEvent::Quit)
         return false;
     quitRequested_ = true;
-    authorization::cancelOpenRequests(); // a stuck question would keep the job for ever
+    giveUpQuestions();
     event->ignore();
     return true;
 }

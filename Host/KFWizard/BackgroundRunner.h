@@ -17,6 +17,9 @@ struct BackgroundJob {
     double timeout = -1.0;                    ///< seconds; below zero: no limit
 };
 
+/// The person leaves: ends every wait for an answer, which would keep a job for ever. Main thread.
+void giveUpQuestions();
+
 /// Runs one job at a time on a thread of its own. Main thread.
 class BackgroundRunner final : public QObject {
     Q_OBJECT

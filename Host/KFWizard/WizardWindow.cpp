@@ -4,7 +4,6 @@
 #include "AppKit/Text.h"
 #include "KFWizard/KFWizardPane.h"
 #include "KFWizard/PageArea.h"
-#include "Security/Authorization/OpenRequest.h"
 
 #include <QCloseEvent>
 #include <QFrame>
@@ -313,7 +312,7 @@ void WizardWindow::closeEvent(QCloseEvent* event)
     // Both jobs of a page belong together: the window waits for the page, not for the job.
     if (entering_ || runner_.isBusy()) {
         closeRequested_ = true;
-        authorization::cancelOpenRequests(); // a stuck question would keep the page for ever
+        giveUpQuestions();
         event->ignore();
         return;
     }

@@ -10,34 +10,38 @@
 
 namespace kf {
 
-namespace {
+void QtPresenter::giveUp()
+{
+    hasGivenUp_ = true;
+    if (open_)
+        open_->reject();
+}
 
-// A request to quit answers the open question; whether the program then
-// quits is decided by whoever else listens.
-class RejectOnQuit final : public QObject {
-public:
-    explicit RejectOnQuit(QDialog* dialog) : QObject(dialog), dialog_(dialog) { qApp->installEventFilter(this); }
+// Whether the program then quits is decided by whoever else listens.
+bool QtPresenter::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == qApp && event->type() == QEvent::Quit)
+        giveUp();
+    return false;
+}
 
-    bool eventFilter(QObject* watched, QEvent* event) override
-    {
-        if (watched == qApp && event->type() == QEvent::Quit)
-            dialog_->reject();
+bool QtPresenter::run(QDialog& dialog)
+{
+    if (hasGivenUp_)
         return false;
-    }
-
-private:
-    QDialog* dialog_;
-};
-
-} // namespace
+    open_ = &dialog;
+    qApp->installEventFilter(this); // before those of whoever waits for the answer
+    const int result = dialog.exec();
+    qApp->removeEventFilter(this);
+    return result == QDialog::Accepted;
+}
 
 NSInteger QtPresenter::runAlert(const AlertQuestion& question)
 {
     NSInteger code = alertDefaultReturn;
     performOnMainThread([&] {
         AlertBox box(question, window_);
-        new RejectOnQuit(&box);
-        box.exec();
+        run(box);
         code = box.buttonCode();
     });
     return code;
@@ -48,8 +52,7 @@ std::optional<SecretBytes> QtPresenter::keychainPassphrase(const PassphraseQuest
     std::optional<SecretBytes> passphrase;
     performOnMainThread([&] {
         PassphraseBox box(question, window_);
-        new RejectOnQuit(&box);
-        if (box.exec() == QDialog::Accepted)
+        if (run(box))
             passphrase = box.takePassphrase();
     });
     return passphrase;
@@ -60,8 +63,7 @@ std::optional<std::size_t> QtPresenter::chooseIdentity(const IdentityQuestion& q
     std::optional<std::size_t> choice;
     performOnMainThread([&] {
         IdentityBox box(question, window_);
-        new RejectOnQuit(&box);
-        if (box.exec() == QDialog::Accepted)
+        if (run(box))
             choice = box.selectedChoice();
     });
     return choice;

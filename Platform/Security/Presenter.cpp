@@ -12,6 +12,8 @@ Presenter::~Presenter() = default;
 
 std::optional<std::size_t> Presenter::chooseIdentity(const IdentityQuestion&) { return std::nullopt; }
 
+void Presenter::giveUp() { }
+
 Presenter* Presenter::current() noexcept { return currentPresenter.load(); }
 
 Presenter* Presenter::setCurrent(Presenter* presenter) noexcept { return currentPresenter.exchange(presenter); }

@@ -64,6 +64,10 @@ public:
     /// A presenter that knows no such question chooses nothing. Any thread.
     virtual std::optional<std::size_t> chooseIdentity(const IdentityQuestion& question);
 
+    /// The person leaves: the question that is open gets its safe answer, and every later one without being asked. A
+    /// presenter that asks nobody has nothing to give up. Main thread.
+    virtual void giveUp();
+
     /// The process's presenter, or null. Any thread.
     static Presenter* current() noexcept;
     /// Replaces it (borrowed; it must outlive its time as the current one) and

@@ -95,6 +95,16 @@ TEST_F(Alert, QuittingIsNo)
     EXPECT_EQ(code, NSAlertDefaultReturn);
 }
 
+TEST_F(Alert, AfterGivingUpTheAnswerIsNoWithoutAQuestion)
+{
+    presenter_.giveUp();
+    const WhenDialogOpens watch("alert", [](QWidget* box) { find<QPushButton>(box, "alternateButton")->click(); });
+    EXPECT_EQ(alert_->runModal(), NSAlertDefaultReturn);
+    EXPECT_FALSE(presenter_.keychainPassphrase({"/home/anna/.pki/nssdb"_ns, 1}));
+    EXPECT_FALSE(presenter_.chooseIdentity({"Which?"_ns, "None"_ns, {}}));
+    EXPECT_EQ(watch.seen(), 0);
+}
+
 TEST_F(Alert, ExitingIsNo)
 {
     NSInteger code = -7;

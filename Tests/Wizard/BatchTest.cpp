@@ -467,6 +467,68 @@ TEST_F(Batch, WarnsOfAnImpostorInAKeychain)
     EXPECT_THAT(batch().output, HasSubstr("keyfold: warning: A keychain holds an authority that calls itself"));
 }
 
+/// The examples of docs/batch.md, run as they stand there.
+class BatchDocument : public Batch {
+protected:
+    BatchDocument()
+    {
+        std::filesystem::create_directory(drop_);
+        std::filesystem::copy_file(bundle_.file, drop_ / "member.p12");
+        std::filesystem::copy_file(passphraseFile(), drop_ / "passphrase");
+    }
+    static std::vector<std::string> linesOfTheDocument()
+    {
+        std::vector<std::string> lines;
+        std::ifstream document(KEYFOLD_DOCUMENTS "/batch.md");
+        for (std::string line; std::getline(document, line);)
+            lines.push_back(line);
+        return lines;
+    }
+    static std::string replaced(std::string text, const std::string& what, const std::string& with)
+    {
+        for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size())
+            text.replace(at, what.size(), with);
+        return text;
+    }
+    std::filesystem::path drop_ = home_.path() / ".keyfold";
+};
+
+TEST_F(BatchDocument, ItsUnitInstallsAndRemovesWhatWasLeft)
+{
+    int commands = 0;
+    for (const std::string& line : linesOfTheDocument()) {
+        if (!line.starts_with("Exec"))
+            continue;
+        std::string command = line.substr(line.find('=') + 1);
+        command = replaced(replaced(command, "%h", home_.path().string()), "%u", "ada");
+        const Ran ran = run({"sh", "-c", replaced(command, "/usr/bin/keyfold", KEYFOLD_PROGRAM)});
+        EXPECT_EQ(ran.status, 0) << ran.output;
+        EXPECT_EQ(ran.output, "");
+        ++commands;
+    }
+    EXPECT_EQ(commands, 2);
+    EXPECT_EQ(keys(), 1);
+    EXPECT_TRUE(std::filesystem::is_empty(drop_));
+}
+
+TEST_F(BatchDocument, ItsTaskInstallsAndTellsThat)
+{
+    std::vector<std::string> arguments;
+    const std::string item = "      - ";
+    for (const std::string& line : linesOfTheDocument()) {
+        if (line.starts_with(item))
+            arguments.push_back(
+                replaced(replaced(line.substr(item.size()), "{{ member }}", "ada"), "{{ drop }}", drop_.string()));
+    }
+    ASSERT_GT(arguments.size(), 3U);
+    EXPECT_EQ(arguments[0], "keyfold");
+    arguments[0] = KEYFOLD_PROGRAM;
+    const Ran ran = run(arguments);
+    EXPECT_EQ(ran.status, 0) << ran.output;
+    EXPECT_TRUE(jsonOf(ran)["installed"].toBool());
+    EXPECT_EQ(keys(), 1);
+}
+
 class BatchWithKeychainPassphrase : public Batch {
 protected:
     BatchWithKeychainPassphrase()

@@ -46,8 +46,8 @@ TEST_F(EndPage, TellsWhatWasInstalledAndWhere)
     install();
     goToEnd();
     EXPECT_EQ(report("personalReport"),
-        "Your certificate “Ada Example” and its private key are in your keychain:\n"
-            + home_.defaultKeychain().string() + "\n");
+        "Your certificate “Ada Example” and its private key are in your keychain:\n" + home_.defaultKeychain().string()
+            + "\n");
     EXPECT_THAT(report("authorityReport"), HasSubstr("“Orvane Certification Authority” is trusted for you alone"));
     EXPECT_THAT(report("usedByReport"),
         AllOf(HasSubstr("Chromium and the browsers made from it sign you in"),

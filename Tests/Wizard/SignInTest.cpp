@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <QDragEnterEvent>
+#include <QFileDialog>
 #include <QMimeData>
 #include <QProgressBar>
 #include <QUrl>
@@ -330,6 +331,59 @@ TEST_F(SignIn, Base64TextIsABundleToo)
 {
     signIn("ada", writeBase64(bundle()), bundle().passphrase);
     EXPECT_EQ(label("certificateName"), "Ada Example");
+}
+
+/// Deals with the file dialog as soon as it is open.
+class FileDialogAnswer {
+public:
+    explicit FileDialogAnswer(std::function<void(QFileDialog*)> act) : act_(std::move(act))
+    {
+        QObject::connect(&timer_, &QTimer::timeout, [this] {
+            auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+            if (!dialog)
+                return;
+            timer_.stop();
+            ++seen_;
+            act_(dialog);
+        });
+        timer_.start(10);
+    }
+    int seen() const noexcept { return seen_; }
+
+private:
+    std::function<void(QFileDialog*)> act_;
+    QTimer timer_;
+    int seen_ = 0;
+};
+
+TEST_F(SignIn, AFileCanBeChosenInADialog)
+{
+    const QString file = QString::fromStdString(bundle().file.string());
+    const FileDialogAnswer answer([&](QFileDialog* dialog) {
+        EXPECT_EQ(dialog->nameFilters().value(0), QStringLiteral("Certificate files (*.p12 *.pfx)"));
+        dialog->selectFile(file);
+        QMetaObject::invokeMethod(dialog, "accept");
+    });
+    press("chooseButton");
+    EXPECT_EQ(answer.seen(), 1);
+    EXPECT_EQ(find<QLineEdit>(window_.get(), "fileField")->text(), file);
+}
+
+TEST_F(SignIn, LeavingTheFileDialogLeavesTheField)
+{
+    type("fileField", "/some/file");
+    const FileDialogAnswer answer([](QFileDialog* dialog) { dialog->reject(); });
+    press("chooseButton");
+    EXPECT_EQ(answer.seen(), 1);
+    EXPECT_EQ(find<QLineEdit>(window_.get(), "fileField")->text(), QStringLiteral("/some/file"));
+}
+
+TEST_F(SignIn, QuittingOnAnUntouchedPageIsClean)
+{
+    QTimer::singleShot(0, [] { QCoreApplication::quit(); });
+    const Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_FALSE(std::filesystem::exists(home_.defaultKeychain()));
 }
 
 /// Drops `urls` onto the page; whether it took them.

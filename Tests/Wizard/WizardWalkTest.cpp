@@ -186,16 +186,51 @@ TEST_F(WalkWithOldCertificate, QuittingAtTheQuestionKeepsItAndTheRunIsFinished)
     EXPECT_EQ(keys(), 2);
 }
 
-TEST_F(WalkWithOldCertificate, ClosingTheWindowAtTheQuestionWaitsForTheAnswer)
+TEST_F(WalkWithOldCertificate, ClosingTheWindowAtTheQuestionKeepsItAndTheRunIsFinished)
 {
-    visitAgain([this](QWidget* box) {
+    visitAgain([this](QWidget*) {
         window_->close();
         EXPECT_TRUE(window_->isVisible());
-        find<QPushButton>(box, "defaultButton")->click();
     });
     EXPECT_FALSE(window_->isVisible());
     EXPECT_EQ(keys(), 2);
 }
+
+/// Somebody who leaves before the question comes is not asked any more.
+class WalkLeftEarly : public WalkWithOldCertificate, public testing::WithParamInterface<const char*> { };
+
+TEST_P(WalkLeftEarly, IsFinishedWithoutTheQuestion)
+{
+    static const Bundle next = institution().issue({.commonName = "Ada Early"});
+    open();
+    signIn(next);
+    const WhenDialogOpens watch("alert", [](QWidget* box) { box->close(); });
+    bool left = false;
+    QTimer leave;
+    QObject::connect(&leave, &QTimer::timeout, [&] {
+        if (std::exchange(left, left || isShown("progressIndicator")) || !left)
+            return;
+        if (GetParam() == std::string_view("Quitting"))
+            QCoreApplication::quit();
+        else
+            window_->close();
+    });
+    leave.start(0);
+    const Deadline deadline;
+    QTimer::singleShot(0, [this] {
+        press("nextButton");
+        if (GetParam() == std::string_view("Closing"))
+            QCoreApplication::quit();
+    });
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_TRUE(left);
+    EXPECT_EQ(watch.seen(), 0);
+    kf::keychain::closeAll();
+    EXPECT_EQ(keys(), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    By, WalkLeftEarly, testing::Values("Quitting", "Closing"), [](const auto& by) { return std::string(by.param); });
 
 TEST_F(Walk, APageThatCannotBeLoadedIsToldWithItsReason)
 {
@@ -205,6 +240,84 @@ TEST_F(Walk, APageThatCannotBeLoadedIsToldWithItsReason)
     EXPECT_EQ(label("titleLabel"), "The Installer Cannot Be Loaded");
     EXPECT_NE(label("pageText").find("There is no bundle at /nonexistent/KFInstaller.bundle."), std::string::npos);
     EXPECT_EQ(button("nextButton")->text(), QStringLiteral("Close"));
+}
+
+struct BadBundle {
+    const char* name;
+    const char* reason;
+};
+
+class WalkWithBadBundle : public Walk, public testing::WithParamInterface<BadBundle> { };
+
+TEST_P(WalkWithBadBundle, TellsTheReasonAndOffersNothingElse)
+{
+    line_.bundle = std::string(TEST_BUNDLES "/") + GetParam().name + ".bundle";
+    expectsPage_ = false;
+    open();
+    EXPECT_EQ(label("titleLabel"), "The Installer Cannot Be Loaded");
+    EXPECT_NE(label("pageText").find("Nothing was installed. "), std::string::npos);
+    EXPECT_NE(label("pageText").find(GetParam().reason), std::string::npos) << label("pageText");
+    EXPECT_FALSE(button("previousButton")->isEnabled());
+    EXPECT_EQ(button("nextButton")->text(), QStringLiteral("Close"));
+    press("nextButton");
+    EXPECT_FALSE(window_->isVisible());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, WalkWithBadBundle,
+    testing::Values(BadBundle{"Broken", "The code cannot be loaded: "}, BadBundle{"NoCode", "holds no code"},
+        BadBundle{"NoPage", "offers no page"},
+        BadBundle{"OtherVersion", "It was built for version 99 of the wizard, not 1."},
+        BadBundle{"NoInterface", "The interface file TestPage.ui is missing."}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Walk, ALongMessageWrapsAndTheWindowKeepsItsWidth)
+{
+    open();
+    signIn(bundle());
+    press("nextButton");
+    const int width = window_->width();
+    for (const char* name : {"caMessages", "certMessages"}) {
+        auto* messages = find<QLabel>(window_.get(), name);
+        const int line = messages->fontMetrics().lineSpacing();
+        messages->setText(QStringLiteral("A message of many words, as some reasons are. ").repeated(6));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return messages->height() >= 3 * line; })) << name;
+        EXPECT_LT(messages->width(), width) << name;
+    }
+    EXPECT_EQ(window_->width(), width);
+}
+
+TEST_F(Walk, QuittingAfterTheRunIsClean)
+{
+    open();
+    signIn(bundle());
+    QTimer::singleShot(0, [this] {
+        press("nextButton");
+        QCoreApplication::quit();
+    });
+    const Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_EQ(label("messageField"), "Your certificates were successfully installed");
+}
+
+TEST_F(Walk, QuittingWhileTheStoresAreReadIsClean)
+{
+    open();
+    signIn(bundle());
+    press("nextButton");
+    bool working = false;
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, [&] {
+        if (!working && isShown("activityLabel")) {
+            working = true;
+            QCoreApplication::quit();
+        }
+    });
+    watch.start(0);
+    QTimer::singleShot(0, [this] { press("nextButton"); });
+    const Deadline deadline;
+    EXPECT_EQ(QApplication::exec(), 0);
+    EXPECT_TRUE(working);
+    EXPECT_NE(report("personalReport").find("and its private key are in your keychain"), std::string::npos);
 }
 
 TEST(BatchPresenter, SaysYesToTheOneQuestionOnly)
