@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,10 +25,12 @@ namespace {
 // What happens at the next calls of functions of the C library.
 std::function<void()> whileSleeping;
 std::function<void()> beforeRename;
+std::function<void()> beforeLock;
 std::function<void(int)> beforeSync;
 std::function<void(const std::string&)> afterUnlink;
 int syncsToFail = 0;
 int readsToFail = 0;
+int locksToFail = 0;
 
 void takeAndCall(std::function<void()>& hook)
 {
@@ -70,6 +73,18 @@ extern "C" ssize_t pread(int descriptor, void* buffer, size_t size, off_t place)
         return -1;
     }
     return real(descriptor, buffer, size, place);
+}
+
+extern "C" int flock(int descriptor, int operation) noexcept
+{
+    static const auto real = kf::test::libraryFunction(&flock);
+    takeAndCall(beforeLock);
+    if (locksToFail > 0) {
+        --locksToFail;
+        errno = ENOLCK;
+        return -1;
+    }
+    return real(descriptor, operation);
 }
 
 extern "C" int fsync(int descriptor)
@@ -396,6 +411,27 @@ TEST_F(Files, ARecordThatCannotBeReadRefusesTheWriterAndStays)
     EXPECT_TRUE(IntentFile::acquire(database()));
 }
 
+TEST_F(Files, AFileSystemWithoutLocksIsToldAtOnce)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    locksToFail = 1;
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecIO);
+    EXPECT_EQ(locksToFail, 0);
+    EXPECT_EQ(import(defaultKeychain(), ada()), errSecSuccess);
+}
+
+TEST_F(Files, ATurnThatWaitedHoldsTheFileThatTheNextOneFinds)
+{
+    ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
+    auto first = IntentFile::acquire(database());
+    ASSERT_TRUE(first) << first.status();
+    // It ends, and takes its file away, when the second has opened that file already.
+    beforeLock = [&] { first->reset(); };
+    const auto second = IntentFile::acquire(database());
+    ASSERT_TRUE(second) << second.status();
+    EXPECT_TRUE(fs::exists(database() / IntentFile::fileName));
+}
+
 TEST_F(Files, ATurnTakesNoRecordFromADatabaseThatWasPutInPlaceMeanwhile)
 {
     ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
@@ -521,6 +557,11 @@ TEST_F(HalfMoved, AFileThatWasLostAnotherWayIsNotTakenFromALeftover)
     fs::rename(database() / "key4.db", leftover_ / "key4.db");
     EXPECT_EQ(import(defaultKeychain(), ada()), errSecKeychainIncomplete);
     EXPECT_FALSE(fs::exists(database() / "key4.db"));
+    // Both were deleted at the last moment.
+    fs::remove(leftover_ / "key4.db");
+    fs::rename(database() / "cert9.db", leftover_ / "cert9.db");
+    EXPECT_FALSE(NewDatabase::finishMove(database()));
+    EXPECT_FALSE(fs::exists(database() / "cert9.db"));
 }
 
 TEST_F(Files, AJournalOfADeletedDatabaseIsNotLeftBesideTheNewOne)

@@ -437,6 +437,30 @@ TEST_F(Abandoned, SettlingThatFailsRefusesTheWriterAndIsTriedAgain)
     EXPECT_THAT(settled(), IsEmpty());
 }
 
+TEST_F(Abandoned, WhatAnotherProgramIsFasterToRemoveIsNoFailure)
+{
+    addCertificate(leaf_);
+    addTrust(leaf_);
+    addKey(ada());
+    leaveRecord({{certificateName(leaf_), Progress::made}, {trustName(leaf_), Progress::made},
+                    {keyName(ada()), Progress::made}},
+        true);
+    int faster = 0;
+    faults_->watch([&](Operation operation, bool done) {
+        if (done)
+            return;
+        if (operation == Operation::removePrivateKey)
+            faster += open()->removePrivateKey(parsed(ada()).key.id).status() == errSecSuccess;
+        if (operation == Operation::removeTrust)
+            faster += open()->removeTrust(leaf_).status() == errSecSuccess;
+        if (operation == Operation::removeCertificate)
+            faster += open()->removeCertificate(leaf_).status() == errSecSuccess;
+    });
+    EXPECT_THAT(settled(), IsEmpty());
+    faults_->watch({});
+    EXPECT_EQ(faster, 3);
+}
+
 // --- Deletions ---
 
 TEST_F(Abandoned, ADeletionThatTookTheTrustIsFinished)
