@@ -34,6 +34,7 @@ public:
         options.insert(options.begin(), IMPORT_PROGRAM);
         options.insert(options.end(), {passphraseFile, bundle});
         std::vector<char*> arguments;
+        arguments.reserve(options.size() + 1);
         for (auto& option : options)
             arguments.push_back(option.data());
         arguments.push_back(nullptr);

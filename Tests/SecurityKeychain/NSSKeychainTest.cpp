@@ -480,7 +480,7 @@ TEST_F(OtherUser, WithoutPermissionReadingAndWritingAreRefused)
     const auto keychain = keychainAt(database());
     // Warm fixtures and no NSS in the parent: the child starts its own.
     const auto certificate = looseCertificate(authority().root());
-    const auto bundle = ada();
+    const auto& bundle = ada();
     const auto open = [this](mode_t directory, mode_t certificates, mode_t keys) {
         for (const auto& path :
             {home_.path() / ".local", home_.path() / ".local/share", home_.path() / ".local/share/pki"})
@@ -604,14 +604,17 @@ TEST_F(NSSKeychain, ThreadsReadWhileOthersWrite)
     ASSERT_EQ(import(defaultKeychain(), grace()), errSecSuccess);
     std::atomic<bool> done = false;
     std::atomic<int> failures = 0;
+    constexpr int threads = 2;
     std::vector<std::thread> readers;
-    for (int number = 0; number < 2; ++number)
+    readers.reserve(threads);
+    for (int number = 0; number < threads; ++number)
         readers.emplace_back([&] {
             while (!done)
                 failures += find(defaultKeychain(), kSecCertificateItemClass).end != errSecItemNotFound;
         });
     std::vector<std::thread> writers;
-    for (int number = 0; number < 2; ++number)
+    writers.reserve(threads);
+    for (int number = 0; number < threads; ++number)
         writers.emplace_back([&, number] {
             for (int round = 0; round < 10; ++round) {
                 const auto& bundle = ada();

@@ -78,7 +78,7 @@ Result<SecretBytes> decrypt(const Bytes& wrapped, const SecretBytes& key, const 
             != 1
         || EVP_DecryptFinal_ex(context.get(), plain.data() + length, &last) != 1)
         return Failure{errSecInternalComponent};
-    plain.resize(static_cast<std::size_t>(length + last));
+    plain.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(last));
     return plain;
 }
 
