@@ -235,6 +235,44 @@ TEST_F(CertificateFieldsTest, RefusesWhatIsNotExactlyOneCertificate)
     }
 }
 
+/// The last place of `from` holds `to`, which is as long.
+Bytes changed(Bytes der, const Bytes& from, const Bytes& to)
+{
+    const auto place = std::find_end(der.begin(), der.end(), from.begin(), from.end());
+    if (place == der.end() || from.size() != to.size())
+        throw std::runtime_error("a fixture lacks what is to be changed in it");
+    std::copy(to.begin(), to.end(), place);
+    return der;
+}
+
+TEST_F(CertificateFieldsTest, PartsOfOddFormSayNothing)
+{
+    const Bytes der = selfSigned("CN=Ada", "subjectAltName=email:a@b.c\nbasicConstraints=critical,CA:TRUE", "MASK:0x2");
+    const auto fields = readCertificateFields(der);
+    ASSERT_TRUE(fields) << fields.status();
+    EXPECT_EQ(fields->commonName, "Ada");
+    EXPECT_THAT(fields->emailAddresses, ElementsAre("a@b.c"));
+    EXPECT_TRUE(fields->isCA);
+    const Bytes constructedName = changed(der, {0x13, 0x03, 'A', 'd', 'a'}, {0x33, 0x03, 'A', 'd', 'a'});
+    EXPECT_EQ(readCertificateFields(constructedName)->commonName, "");
+    const Bytes constructedAddress =
+        changed(der, {0x81, 0x05, 'a', '@', 'b', '.', 'c'}, {0xA1, 0x05, 'a', '@', 'b', '.', 'c'});
+    EXPECT_THAT(readCertificateFields(constructedAddress)->emailAddresses, IsEmpty());
+    const Bytes notCA = changed(der, {0x30, 0x03, 0x01, 0x01, 0xFF}, {0x30, 0x03, 0x01, 0x01, 0x00});
+    EXPECT_FALSE(readCertificateFields(notCA)->isCA);
+}
+
+TEST_F(CertificateFieldsTest, RefusesNamesWithoutContentAndKeysOfOddBits)
+{
+    const Bytes der = selfSigned("CN=Ada", "", "MASK:0x2");
+    const Bytes name = {0x31, 0x0C, 0x30, 0x0A, 0x06, 0x03, 0x55, 0x04, 0x03, 0x13, 0x03, 'A', 'd', 'a'};
+    const Bytes withEmpty = {0x31, 0x00, 0x31, 0x0A, 0x30, 0x08, 0x06, 0x03, 0x55, 0x04, 0x03, 0x13, 0x01, 'A'};
+    EXPECT_EQ(readCertificateFields(changed(der, name, withEmpty)).status(), errSecUnknownFormat);
+    const Bytes key = authority().issue().leaf;
+    EXPECT_EQ(readCertificateFields(changed(key, {0x03, 0x42, 0x00, 0x04}, {0x03, 0x42, 0x01, 0x04})).status(),
+        errSecUnknownFormat);
+}
+
 TEST_F(CertificateFieldsTest, RefusesEveryTruncation)
 {
     const Bytes root = authority().root();
