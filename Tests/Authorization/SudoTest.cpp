@@ -102,6 +102,20 @@ TEST_F(SudoTest, AnAskpassProgramThatHangsIsGivenUp)
     EXPECT_EQ(status, errAuthorizationCanceled);
 }
 
+/// An askpass program may start what stays, a wallet's service say, and that holds what sudo was given.
+TEST_F(SudoTest, WhatTheAskpassProgramLeavesRunningIsNotWaitedFor)
+{
+    script("sudo", "sleep 30 & echo $! >> " + path("left") + "; echo 'sudo: no password was provided' >&2; exit 1");
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(obtain(), errAuthorizationCanceled);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+    sudoThatRuns("[ \"$words\" = '-A -v' ] || { sleep 30 <&0 & echo $! >> " + path("left") + "; exit 1; }");
+    EXPECT_EQ(backend().execute(add(path("authority.der")), nullptr).status(), errAuthorizationDenied);
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+    for (const std::string& process : lines("left"))
+        ::kill(std::stoi(process), SIGTERM);
+}
+
 TEST_F(SudoTest, WithoutAQuestionTheRightIsWhatSudoRemembers)
 {
     script("sudo", "echo \"$*\" >> " + path("ways"));

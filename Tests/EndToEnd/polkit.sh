@@ -85,6 +85,10 @@ with_agent "password dismiss" "$rights" add /tmp/pki/impostor.der
 says "failed: -60006 The user canceled the operation (-60006)"
 asked 1 "$other"
 refuse "an impostor of the authority's name is not trusted" trusted "Orvane Certification Authority"
+with_agent "password hang" "$rights" --cancel-after 3000 add /tmp/pki/another.der
+says "failed: -60006"
+asked 1 "$other"
+expect "the agent's dialog was taken away" grep -qx cancel "$dialogs"
 with_agent password "$rights" run /bin/sh
 says "failed: -60005"
 asked 1

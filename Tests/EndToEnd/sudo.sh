@@ -52,6 +52,16 @@ with_agent "" "$rights" --cancel-after 3000 add /tmp/pki/another.der
 says "failed: -60006"
 refuse "it is not trusted" trusted another
 
+# sudo may be told to let the caller's variables through: who calls is not theirs to say.
+echo 'Defaults env_keep += "PKEXEC_UID SUDO_UID"' > /etc/sudoers.d/keyfold
+askpass "cat /tmp/right"
+cp another.der private.der
+chmod 600 private.der
+with_agent "" env PKEXEC_UID=0 SUDO_UID=0 "$rights" add /tmp/pki/private.der
+says "private.der: Permission denied"
+says "failed: -60031"
+rm /etc/sudoers.d/keyfold
+
 # The admin domain: on what sudo remembers; without, nobody is asked.
 askpass "cat /tmp/right"
 with_agent "" "$rights" trust "$installed_authority"

@@ -1,5 +1,6 @@
 // The end: what the stores themselves say was installed.
 
+#include "Security/Trust/DistributionStore.h"
 #include "Tests/Wizard/WalkFixture.h"
 #include "keyfold/EndPane.h"
 
@@ -14,8 +15,18 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
+/// Of a machine where nobody has published anything.
+class EmptyStore final : public kf::trust::DistributionStore {
+public:
+    std::vector<kf::Bytes> certificatesWithSubject(std::span<const std::uint8_t>) const override { return {}; }
+    std::vector<kf::Bytes> certificates() const override { return {}; }
+};
+
 class EndPage : public Walk {
 protected:
+    EndPage() : storeBefore_(kf::trust::setDistributionStore(std::make_shared<EmptyStore>())) { }
+    ~EndPage() override { kf::trust::setDistributionStore(storeBefore_); }
+
     void install()
     {
         open();
@@ -39,6 +50,8 @@ protected:
         mustRun({"certutil", "-N", "--empty-password", "-d", database});
         return database;
     }
+
+    std::shared_ptr<const kf::trust::DistributionStore> storeBefore_;
 };
 
 TEST_F(EndPage, TellsWhatWasInstalledAndWhere)

@@ -10,10 +10,11 @@
 
 namespace {
 
-/// Who asks: pkexec and sudo, which got here as root, set these variables themselves.
+/// Who asks: pkexec and sudo, which got here as root, set these variables themselves. sudo can be told to let the
+/// caller's through, pkexec cannot: so sudo's comes first.
 std::optional<uid_t> caller()
 {
-    for (const char* name : {"PKEXEC_UID", "SUDO_UID"}) {
+    for (const char* name : {"SUDO_UID", "PKEXEC_UID"}) {
         const char* value = std::getenv(name);
         if (!value)
             continue;

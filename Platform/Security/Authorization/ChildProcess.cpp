@@ -7,6 +7,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -177,6 +178,12 @@ Result<pid_t> startChild(const ChildProgram& program)
         return child;
     waitForChild(child);
     return failure;
+}
+
+ScopedDescriptor watchChild(pid_t child)
+{
+    // The library's own declaration of it, in Debian 12, is for C alone.
+    return ScopedDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
 }
 
 int waitForChild(pid_t child) noexcept

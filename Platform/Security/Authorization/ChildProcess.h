@@ -27,6 +27,9 @@ struct ChildProgram {
 /// After a failure, errAuthorizationToolExecuteFailure, there is no child.
 Result<pid_t> startChild(const ChildProgram& program);
 
+/// Becomes readable when a child has ended, for a child may leave others behind that hold what it was given.
+ScopedDescriptor watchChild(pid_t child);
+
 /// Waits for one child to end and gives its exit status; -1 where it did not exit.
 int waitForChild(pid_t child) noexcept;
 

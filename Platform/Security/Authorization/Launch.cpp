@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace kf::authorization {
@@ -14,11 +15,11 @@ namespace kf::authorization {
 namespace {
 
 struct Message {
-    char reply = 0; ///< 0: the other end is gone
+    char reply = 0; ///< 0: none came
     ScopedDescriptor descriptor{-1};
 };
 
-/// One byte, and the descriptor that may come with it.
+/// One byte, and the descriptor that may come with it; nothing where there is none now.
 Message receive(int channel)
 {
     Message message;
@@ -31,7 +32,7 @@ Message receive(int channel)
     header.msg_controllen = sizeof control;
     ssize_t count;
     do
-        count = ::recvmsg(channel, &header, MSG_CMSG_CLOEXEC);
+        count = ::recvmsg(channel, &header, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
     while (count < 0 && errno == EINTR);
     if (count <= 0)
         return {};
@@ -53,6 +54,13 @@ bool toolRuns(int report)
         count = ::read(report, &error, sizeof error);
     while (count < 0 && errno == EINTR);
     return count == 0;
+}
+
+/// Until a message is there, or nobody to send one.
+void waitForEither(int channel, int ended)
+{
+    pollfd entries[] = {{channel, POLLIN, 0}, {ended, POLLIN, 0}};
+    while (::poll(entries, 2, -1) < 0 && errno == EINTR) { }
 }
 
 LaunchEnd endOf(const Message& message)
@@ -93,10 +101,13 @@ LaunchResult launch(std::vector<std::string> prefix, const char* way, const Tool
     channel.theirs.reset();
     if (!child)
         return {LaunchEnd::failed};
-    const bool isGivenUp = !request.waitFor(channel.ours.get());
-    if (isGivenUp)
+    const ScopedDescriptor ended = watchChild(*child);
+    const bool isGivenUp = !request.waitFor(channel.ours.get(), ended.get());
+    if (isGivenUp) {
         ::kill(leadsGroup ? -*child : *child, SIGTERM);
-    // Asked all the same: it may have passed the question a moment before.
+        // It may have passed the question a moment before.
+        waitForEither(channel.ours.get(), ended.get());
+    }
     LaunchEnd end = endOf(receive(channel.ours.get()));
     if (isGivenUp && end == LaunchEnd::notReached)
         end = LaunchEnd::canceled;

@@ -44,11 +44,11 @@ bool OpenRequest::isCanceled() const noexcept
     return ::poll(&entry, 1, 0) == 1;
 }
 
-bool OpenRequest::waitFor(int descriptor) const noexcept
+bool OpenRequest::waitFor(int one, int other) const noexcept
 {
-    pollfd entries[] = {{descriptor, POLLIN, 0}, {event_.get(), POLLIN, 0}};
-    while (::poll(entries, 2, -1) < 0 && errno == EINTR) { }
-    return entries[0].revents != 0;
+    pollfd entries[] = {{one, POLLIN, 0}, {other, POLLIN, 0}, {event_.get(), POLLIN, 0}};
+    while (::poll(entries, 3, -1) < 0 && errno == EINTR) { }
+    return entries[0].revents != 0 || entries[1].revents != 0;
 }
 
 } // namespace kf::authorization

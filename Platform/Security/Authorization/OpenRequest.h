@@ -21,8 +21,9 @@ public:
     /// Becomes readable, for good, when the question is given up.
     int descriptor() const noexcept { return event_.get(); }
     bool isCanceled() const noexcept;
-    /// Waits until `descriptor` can be read or has ended; false where the question was given up first.
-    bool waitFor(int descriptor) const noexcept;
+    /// Waits until one of the descriptors (-1: none) can be read or has ended; false where the question was given up
+    /// first.
+    bool waitFor(int one, int other = -1) const noexcept;
 
 private:
     ScopedDescriptor event_;

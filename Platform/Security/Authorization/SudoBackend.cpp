@@ -30,11 +30,14 @@ std::vector<std::string> environmentForSudo()
 }
 
 /// What a child writes until it ends, as long as the request is not given up.
-std::string readUntilEnd(int descriptor, const OpenRequest& request)
+/// The askpass program may leave something running that holds the descriptor.
+std::string readUntilEnd(int descriptor, pid_t child, const OpenRequest& request)
 {
     std::string text;
     std::array<char, 512> buffer;
-    while (request.waitFor(descriptor)) {
+    const ScopedDescriptor ended = watchChild(child);
+    ::fcntl(descriptor, F_SETFL, O_NONBLOCK);
+    while (request.waitFor(descriptor, ended.get())) {
         const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR)
             continue;
@@ -68,7 +71,7 @@ Status ask(const std::string& sudo)
     messages.theirs.reset();
     if (!child)
         return Failure{errAuthorizationInternal};
-    const std::string text = readUntilEnd(messages.ours.get(), request);
+    const std::string text = readUntilEnd(messages.ours.get(), *child, request);
     if (request.isCanceled())
         ::kill(-*child, SIGTERM); // the askpass program, and sudo where it may be
     const int exitStatus = waitForChild(*child);
