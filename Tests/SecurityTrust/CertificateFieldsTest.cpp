@@ -39,7 +39,7 @@ std::string openssl(const Bytes& der, std::vector<std::string> what)
     kf::test::writeFile(file, std::span<const std::uint8_t>(der));
     std::vector<std::string> command = {"openssl", "x509", "-inform", "DER", "-in", file, "-noout"};
     command.insert(command.end(), what.begin(), what.end());
-    const std::string output = mustRun(command);
+    std::string output = mustRun(command);
     std::filesystem::remove(file);
     return output;
 }
