@@ -59,10 +59,11 @@ expect "the user's key" sh -c "timeout 20 certutil -K -d sql:$keychain_of_erin |
 cd /tmp/pki
 
 # A page of somebody else's: built against the installed headers, shown by the installed wizard.
-cp -r $examples/WelcomePage /tmp/page
-expect "the example builds" sh -c 'cmake -S /tmp/page -B /tmp/page/build -Wno-dev && cmake --build /tmp/page/build'
+mkdir /tmp/page
+sed -n 's/^    //p' $examples/README.md | grep -v '^keyfold' > /tmp/page/commands
+expect "the example builds as its README says" sh -e -c 'cd /tmp/page && cat commands && . ./commands'
 chmod -R a+rX /tmp/page
-wizard erin --bundle /tmp/page/build/WelcomePage.bundle
+wizard erin --bundle /tmp/page/WelcomePage/build/WelcomePage.bundle
 [ "$status" = 1 ] || fail "exit status $status: the page installs nothing"
 expect "the page's title" [ "$(head -n 1 "$log")" = Welcome ]
 says "Nice to see you, erin."
@@ -113,3 +114,10 @@ expect "the packages are purged at once" dpkg -P $names
 expect "what is not ours stays" [ -d /Library/Theirs ]
 rm -r /Library
 expect "the machine is as it was again" same
+
+# Without what a removal keeps, a purge says what it does not do.
+install_packages
+expect "the packages are removed once more" dpkg -r $names
+rm /var/lib/keyfold/keyfold-unpublish
+dpkg -P keyfold-security > "$log" 2>&1 || fail "the last purge"
+says "what was published stays"
