@@ -26,7 +26,7 @@ chmod 644 erin.p12 erin.passphrase
 # dpkg and apt keep of themselves.
 machine() {
     find / -maxdepth 1 | sort
-    find /etc /opt /run /usr /var \( -path /var/log -o -path '/var/lib/dpkg/*-old' -o -path '/var/*/apt' \) -prune -o \
+    find /etc /opt /run /usr /var \( -path /var/log -o -path /var/tmp -o -path '/var/lib/dpkg/*-old' -o -path '/var/*/apt' \) -prune -o \
         -printf '%p %y %l\n' | sort
     find /etc -type f ! -path '*/java/cacerts' -exec sha256sum {} + | sort
 }
