@@ -120,6 +120,30 @@ button "Next" disabled default
     EXPECT_EQ(stops("loginField"), "loginField fileField chooseButton passphraseField showButton ");
 }
 
+TEST_F(Accessibility, TheKeyboardAloneLeadsFromSignInToTheEnd)
+{
+    open();
+    const auto keys = [this](const std::string& text) {
+        QTest::keyClicks(window_->focusWidget(), QString::fromStdString(text));
+    };
+    const auto key = [this](Qt::Key which) { QTest::keyClick(window_->focusWidget(), which); };
+    keys("ada");
+    key(Qt::Key_Tab);
+    keys(bundle().file.string());
+    key(Qt::Key_Tab);
+    key(Qt::Key_Tab);
+    keys(bundle().passphrase);
+    key(Qt::Key_Return);
+    waitFor("certificateCard");
+    key(Qt::Key_Return);
+    EXPECT_EQ(label("titleLabel"), "Install Your Certificates");
+    EXPECT_EQ(state("personalStatus"), 1);
+    key(Qt::Key_Return);
+    EXPECT_EQ(label("titleLabel"), "What Was Installed");
+    key(Qt::Key_Return);
+    EXPECT_FALSE(window_->isVisible());
+}
+
 TEST_F(Accessibility, OfARefusedFile)
 {
     open();

@@ -81,6 +81,18 @@ TEST_F(Alert, ReturnIsNoEvenWhereYesHasTheFocus)
         NSAlertDefaultReturn);
 }
 
+TEST_F(Alert, TheSpaceBarOnYesIsAClickOnYes)
+{
+    EXPECT_EQ(run([](QWidget* box) {
+        auto* yes = find<QPushButton>(box, "alternateButton");
+        for (int stops = 0; stops < 5 && box->focusWidget() != yes; ++stops)
+            QTest::keyClick(box->focusWidget(), Qt::Key_Tab);
+        QTest::keyClick(box->focusWidget(), Qt::Key_Space);
+        box->close();
+    }),
+        NSAlertAlternateReturn);
+}
+
 TEST_F(Alert, ClosingIsNo)
 {
     EXPECT_EQ(run([](QWidget* box) { box->close(); }), NSAlertDefaultReturn);

@@ -51,6 +51,9 @@ INSTANTIATE_TEST_SUITE_P(Rows, RTFText,
         Row{"{\\rtf1 a\\tab b}", "a\tb"}, Row{"{\\rtf1 a\\line b}", "a\nb"},
         Row{"{\\rtf1\\ansicpg1252 \\'80\\'e9}", "€é"}, Row{"{\\rtf1\\ansicpg1251 \\'cf\\'f0}", "Пр"},
         Row{"{\\rtf1\\mac \\'8e}", "é"}, Row{"{\\rtf1\\ansicpg932 \\'8e\\'e9}", "朱"}, Row{"{\\rtf1\\pc \\'84}", "ä"},
+        Row{"{\\rtf1\\pca \\'9b}", "ø"}, Row{"{\\rtf1\\ansicpg1250 \\'f8}", "ř"},
+        Row{"{\\rtf1\\ansicpg65001 \\'c3\\'a9}", "é"},
+        Row{"{\\rtf1{\\fonttbl{\\f0\\fcharset161 A;}{\\f1\\fcharset177 B;}}\\f0\\'e1\\f1\\'e0}", "αא"},
         Row{"{\\rtf1 \\u8364?}", "€"}, Row{"{\\rtf1\\uc0\\u8364 x}", "€x"}, Row{"{\\rtf1\\uc2\\u8364 ab!}", "€!"},
         Row{"{\\rtf1 \\u-10179?\\u-8704?}", "😀"}, Row{"{\\rtf1 \\u8364\\'80!}", "€!"},
         Row{"{\\rtf1 {\\uc0\\u8364}\\u8364?}", "€€"},
@@ -94,6 +97,51 @@ TEST(RTFReader, KeepsBoldItalicUnderlineSizeColourAndFont)
     EXPECT_TRUE(formatOf(document, "both").fontItalic());
     EXPECT_TRUE(formatOf(document, "gone").fontStrikeOut());
     EXPECT_EQ(formatOf(document, "up").verticalAlignment(), QTextCharFormat::AlignSuperScript);
+}
+
+TEST(RTFReader, EndsEachFormatWhereItsWordSaysSo)
+{
+    QTextDocument document;
+    ASSERT_TRUE(read(
+        "{\\rtf1{\\colortbl;\\red200\\green10\\blue20;}\\i a\\i0 b\\ul c\\ulnone d\\ul e\\ul0 f\\strike g\\strike0 "
+        "h\\cf1 i\\cf0 j\\sub k\\nosupersub l\\b\\i\\ul\\fs80 m\\plain n}",
+        document));
+    EXPECT_TRUE(formatOf(document, "a").fontItalic());
+    EXPECT_TRUE(formatOf(document, "c").fontUnderline());
+    EXPECT_TRUE(formatOf(document, "e").fontUnderline());
+    EXPECT_TRUE(formatOf(document, "g").fontStrikeOut());
+    EXPECT_TRUE(formatOf(document, "i").hasProperty(QTextFormat::ForegroundBrush));
+    EXPECT_EQ(formatOf(document, "k").verticalAlignment(), QTextCharFormat::AlignSubScript);
+    EXPECT_EQ(formatOf(document, "m").fontPointSize(), 40.0);
+    for (const char* plain : {"b", "d", "f", "h", "j", "l", "n"}) {
+        const QTextCharFormat format = formatOf(document, plain);
+        EXPECT_FALSE(format.fontItalic()) << plain;
+        EXPECT_FALSE(format.fontUnderline()) << plain;
+        EXPECT_FALSE(format.fontStrikeOut()) << plain;
+        EXPECT_NE(format.fontWeight(), QFont::Bold) << plain;
+        EXPECT_FALSE(format.hasProperty(QTextFormat::ForegroundBrush)) << plain;
+        EXPECT_EQ(format.verticalAlignment(), QTextCharFormat::AlignNormal) << plain;
+        EXPECT_FALSE(format.hasProperty(QTextFormat::FontPointSize)) << plain;
+    }
+}
+
+TEST(RTFReader, KeepsEveryAlignmentIndentAndDirection)
+{
+    QTextDocument document;
+    ASSERT_TRUE(
+        read("{\\rtf1\\qj\\ri300\\sb100 a\\par\\pard\\qr b\\par\\ql\\fi-200\\li400 c\\par\\pard\\rtlpar d}", document));
+    QTextBlockFormat format = document.findBlockByNumber(0).blockFormat();
+    EXPECT_EQ(format.alignment(), Qt::AlignJustify);
+    EXPECT_EQ(format.rightMargin(), 15.0);
+    EXPECT_EQ(format.topMargin(), 5.0);
+    EXPECT_EQ(document.findBlockByNumber(1).blockFormat().alignment(), Qt::AlignRight);
+    format = document.findBlockByNumber(2).blockFormat();
+    EXPECT_EQ(format.alignment(), Qt::AlignLeft);
+    EXPECT_EQ(format.textIndent(), -10.0);
+    EXPECT_EQ(format.leftMargin(), 20.0);
+    format = document.findBlockByNumber(3).blockFormat();
+    EXPECT_EQ(format.layoutDirection(), Qt::RightToLeft);
+    EXPECT_EQ(format.leftMargin(), 0.0);
 }
 
 TEST(RTFReader, KeepsAlignmentAndMargins)

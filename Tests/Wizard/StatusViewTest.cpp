@@ -3,6 +3,9 @@
 
 #include <QMetaProperty>
 
+#include <algorithm>
+#include <array>
+
 namespace {
 
 QImage sphere(const char* colour)
@@ -32,6 +35,47 @@ TEST(StatusView, TheThreeSpheresDiffer)
     EXPECT_NE(sphere("red"), sphere("green"));
     EXPECT_NE(sphere("red"), sphere("gray"));
     EXPECT_NE(sphere("green"), sphere("gray"));
+}
+
+/// Where a sphere's sign is: its white pixels.
+std::vector<bool> signOf(const char* colour)
+{
+    const QImage image = sphere(colour);
+    std::vector<bool> white;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor pixel = image.pixelColor(x, y);
+            white.push_back(std::min({pixel.red(), pixel.green(), pixel.blue()}) > 240);
+        }
+    }
+    return white;
+}
+
+// Whoever does not see colours sees the signs.
+TEST(StatusView, TheThreeSpheresDifferInTheShapeOfTheirSigns)
+{
+    constexpr std::array colours = {"red", "green", "gray"};
+    for (const char* a : colours) {
+        const std::vector<bool> first = signOf(a);
+        EXPECT_GT(std::count(first.begin(), first.end(), true), 20) << a;
+        for (const char* b : colours) {
+            if (a == b)
+                continue;
+            const std::vector<bool> second = signOf(b);
+            int differing = 0;
+            for (std::size_t at = 0; at < first.size(); ++at)
+                differing += first[at] != second[at];
+            EXPECT_GT(differing, 30) << a << " and " << b;
+        }
+    }
+}
+
+TEST(StatusView, EverySphereIsThereForScreensOfSmallPixelsToo)
+{
+    for (const char* colour : {"red", "green", "gray"}) {
+        EXPECT_EQ(sphere(colour).size(), QSize(32, 32));
+        EXPECT_EQ(sphere((std::string(colour) + "@2x").c_str()).size(), QSize(64, 64));
+    }
 }
 
 TEST(StatusView, OneIsGreenZeroIsRedAndEverythingElseGray)
