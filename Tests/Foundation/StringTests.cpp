@@ -492,7 +492,7 @@ TEST(Object, IsFreedWithItsLastReference)
     }
     EXPECT_EQ(string->retainCount(), 1U);
     const auto moved = std::move(string);
-    EXPECT_FALSE(string);
+    EXPECT_FALSE(string); // NOLINT(bugprone-use-after-move): that nothing is left is what is tested
     EXPECT_EQ(moved->retainCount(), 1U);
 }
 

@@ -19,6 +19,7 @@ void wipe(void* memory, std::size_t length)
 void recordWiping(std::vector<std::string>* record) { wiped = record; }
 
 // The program's own wiping stands before the C library's, for the libraries too.
+// NOLINTBEGIN(bugprone-reserved-identifier): these are the C library's names
 extern "C" void explicit_bzero(void* memory, std::size_t length) noexcept;
 extern "C" void __explicit_bzero_chk(void* memory, std::size_t length, std::size_t) noexcept;
 
@@ -36,3 +37,4 @@ extern "C" void __explicit_bzero_chk(void* memory, std::size_t length, std::size
 {
     explicit_bzero(memory, length);
 }
+// NOLINTEND(bugprone-reserved-identifier)

@@ -19,7 +19,6 @@ using kf::test::Bytes;
 using kf::test::mustRun;
 using kf::test::readFile;
 using kf::test::writeFile;
-using ::testing::HasSubstr;
 
 class CertificateFileTest : public ::testing::Test {
 protected:
@@ -94,7 +93,7 @@ TEST_F(CertificateFileTest, RefusesFilesThatAreNone)
 TEST_F(CertificateFileTest, ASizeLimitHolds)
 {
     const std::string pem = text(path("root.pem"));
-    const std::size_t limit = 64 * 1024;
+    const std::size_t limit = 64UL * 1024;
     writeFile(path("full.pem"), pem + std::string(limit - pem.size(), '\n'));
     EXPECT_EQ(errorOf(path("full.pem")), "");
     writeFile(path("large.pem"), pem + std::string(limit - pem.size() + 1, '\n'));

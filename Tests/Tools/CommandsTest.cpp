@@ -18,7 +18,6 @@ using kf::test::Authority;
 using kf::test::mustRun;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 /// No rights: nothing outside the scratch home can be touched.
 class CommandsTest : public ::testing::Test {

@@ -15,8 +15,6 @@ using kf::security::DistributionTrustStore;
 using kf::security::layoutFor;
 using kf::security::Outcome;
 using kf::test::Authority;
-using kf::test::Bytes;
-using kf::test::mustRun;
 using kf::test::writeFile;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;

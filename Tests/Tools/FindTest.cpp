@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 using kf::test::BundleOptions;
 using kf::test::mustRun;
 using kf::test::ToolTest;
-using kf::test::writeFile;
 using nlohmann::json;
 
 class FindTest : public ToolTest {

@@ -14,7 +14,6 @@ using kf::security::PolicyEntry;
 using kf::security::PolicyFile;
 using kf::security::Record;
 using kf::test::writeFile;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Kind = PolicyEntry::Kind;
 

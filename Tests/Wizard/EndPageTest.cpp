@@ -10,7 +10,6 @@ namespace {
 
 using namespace kf::test;
 using testing::AllOf;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
