@@ -124,7 +124,8 @@ TEST_F(LauncherProcess, GivesTheToolAnEnvironmentOfItsOwn)
 
 TEST_F(LauncherProcess, LeavesTheCallersDirectoryMaskLimitsAndSignals)
 {
-    script("tool", "{ pwd; umask; ulimit -f; grep -E '^Sig(Blk|Ign)' /proc/self/status; } > " + path("state"));
+    script(
+        "tool", "{ pwd; umask; ulimit -f; ulimit -n; grep -E '^Sig(Blk|Ign)' /proc/self/status; } > " + path("state"));
     // In a process of its own: what it does to itself must not reach the other tests.
     const pid_t caller = ::fork();
     if (caller == 0) {
@@ -132,11 +133,15 @@ TEST_F(LauncherProcess, LeavesTheCallersDirectoryMaskLimitsAndSignals)
         const int directory = ::chdir(path("").c_str());
         rlimit small{1 << 20, RLIM_INFINITY};
         ::setrlimit(RLIMIT_FSIZE, &small);
+        rlimit few{};
+        ::getrlimit(RLIMIT_NOFILE, &few);
+        few.rlim_cur = 20;
+        ::setrlimit(RLIMIT_NOFILE, &few);
         std::_Exit(directory == 0 && start() == 's' && status_ == 0 ? 0 : 1);
     }
     EXPECT_EQ(kf::authorization::waitForChild(caller), 0);
     EXPECT_THAT(lines("state"),
-        ElementsAre("/", "0022", "unlimited", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"));
+        ElementsAre("/", "0022", "unlimited", "4096", "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000"));
 }
 
 /// A timer outlives an exec, and its signal would end the tool halfway.

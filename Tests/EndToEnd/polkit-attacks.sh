@@ -10,7 +10,7 @@ seen=/tmp/seen
 mv /usr/bin/security /tmp/security
 cat > /usr/bin/security << TOOL
 #!/bin/sh
-{ id -u; env; pwd; umask; ulimit -f; ls -l /proc/self/fd; grep -E '^Sig(Blk|Ign)|^Groups' /proc/self/status; } > $seen
+{ id -u; env; pwd; umask; ulimit -f; ulimit -n; ls -l /proc/self/fd; grep -E '^Sig(Blk|Ign)|^Groups' /proc/self/status; } > $seen
 TOOL
 chmod 755 /usr/bin/security
 mkdir -p /tmp/evil
@@ -25,12 +25,12 @@ printf '#!/bin/sh\ntouch /tmp/taken\n' > /tmp/evil/security
 cp /tmp/evil/security /tmp/evil/id
 chmod 755 /tmp/evil/*
 # shellcheck disable=SC2016
-hostile='cd /tmp/evil; umask 777; ulimit -S -f 1000; trap "" TERM HUP; exec 7< /etc/passwd
+hostile='cd /tmp/evil; umask 777; ulimit -S -f 1000; ulimit -S -n 12; trap "" TERM HUP; exec 7< /etc/passwd
 LD_PRELOAD=/tmp/evil/hostile.so PATH=/tmp/evil:$PATH IFS=/ ENV=/tmp/evil/id LC_ALL=xx_XX HOME=/home/dave OPENSSL_CONF=/tmp/evil/id \
     SSLKEYLOGFILE=/home/dave/keys NSS_DEFAULT_DB_TYPE=dbm PKEXEC_UID=0 SUDO_UID=0 ASAN_OPTIONS=verify_asan_link_order=0 exec "$@"'
 with_agent password sh -c "$hostile" sh "$rights" add "$installed_authority"
 says "ended: 0"
-for line in 0 HOME=/root LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin / 0022 unlimited; do
+for line in 0 HOME=/root LC_ALL=C.UTF-8 PATH=/usr/sbin:/usr/bin:/sbin:/bin / 0022 unlimited 4096; do
     expect "the tool sees \"$line\"" grep -qx -- "$line" "$seen"
 done
 refuse "nothing of the caller's variables" grep -qE "evil|hostile|dave|dbm|xx_XX|_UID" "$seen"

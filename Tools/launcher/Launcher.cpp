@@ -92,9 +92,9 @@ int becomeTool(const Request& request, const Places& places)
 }
 
 /// As far as it goes: a hard limit takes a right that some containers withhold from root.
-void raiseLimit(decltype(RLIMIT_FSIZE) resource)
+void raiseLimit(decltype(RLIMIT_FSIZE) resource, rlim_t wanted = RLIM_INFINITY)
 {
-    rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+    rlimit limit{wanted, wanted};
     if (::setrlimit(resource, &limit) == 0 || ::getrlimit(resource, &limit) != 0)
         return;
     limit.rlim_cur = limit.rlim_max;
@@ -118,6 +118,8 @@ void leaveTheCallersProcess()
     ::umask(022);
     for (const auto resource : {RLIMIT_FSIZE, RLIMIT_CPU, RLIMIT_AS, RLIMIT_DATA})
         raiseLimit(resource);
+    constexpr rlim_t openFiles = 4096; // which cannot be without a limit
+    raiseLimit(RLIMIT_NOFILE, openFiles);
     constexpr itimerval never{};
     for (const auto timer : {ITIMER_REAL, ITIMER_VIRTUAL, ITIMER_PROF})
         ::setitimer(timer, &never, nullptr);
