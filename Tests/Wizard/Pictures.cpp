@@ -60,6 +60,7 @@ QImage withFewColours(const QImage& picture)
             ++counts[image.pixel(x, y)];
     }
     std::vector<std::pair<int, QRgb>> colours;
+    colours.reserve(counts.size());
     for (const auto& [colour, count] : counts)
         colours.emplace_back(-count, colour);
     std::sort(colours.begin(), colours.end());
@@ -483,6 +484,18 @@ void putOn(const QString& look)
         QApplication::setLayoutDirection(Qt::RightToLeft);
 }
 
+bool takePictures(int argc, char** argv, const QString& directory, const QString& look)
+{
+    // Keychains are in memory: nothing is written below it.
+    setenv("HOME", "/home/ada", 1);
+    for (const char* name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
+        unsetenv(name);
+    const QApplication application(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    putOn(look);
+    return Pictures(directory, look == QLatin1String(looks.front())).take();
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -491,15 +504,13 @@ int main(int argc, char** argv)
         std::fputs("usage: keyfold_pictures DIRECTORY\n", stderr);
         return 2;
     }
-    const QString directory = QString::fromLocal8Bit(argv[1]);
-    if (argc == 2)
-        return startEachLook(argv[0], directory) ? 0 : 1;
-    // Keychains are in memory: nothing is written below it.
-    setenv("HOME", "/home/ada", 1);
-    for (const char* name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
-        unsetenv(name);
-    const QApplication application(argc, argv);
-    QApplication::setQuitOnLastWindowClosed(false);
-    putOn(QString::fromLocal8Bit(argv[2]));
-    return Pictures(directory, std::string_view(argv[2]) == looks.front()).take() ? 0 : 1;
+    try {
+        const QString directory = QString::fromLocal8Bit(argv[1]);
+        const bool good = argc == 2 ? startEachLook(argv[0], directory)
+                                    : takePictures(argc, argv, directory, QString::fromLocal8Bit(argv[2]));
+        return good ? 0 : 1;
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "keyfold_pictures: %s\n", exception.what());
+        return 1;
+    }
 }
