@@ -6,8 +6,11 @@
 //   dismiss    as somebody who closes the dialog
 //   hang       never
 // It goes into the background when it is registered, writes a line for each
-// dialog and each cancellation, and ends with the process.
+// dialog and each cancellation, and ends with the process. A dialog that hangs
+// keeps it for ten seconds more: polkit takes it away only once it has seen the
+// process that asked go.
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +37,7 @@ struct Agent {
     std::string password;
     std::vector<std::string> answers;
     std::size_t dialogs = 0;
+    bool hangs = false;
 
     void write(const std::string& line) const { std::ofstream(log, std::ios::app) << line << std::endl; }
 };
@@ -97,7 +101,8 @@ int begin(sd_bus_message* message, Agent& agent)
         return -EINVAL;
     agent.write(std::string("dialog ") + action + " [" + icon + "] " + text);
     const std::string& answer = agent.answers[std::min(agent.dialogs++, agent.answers.size() - 1)];
-    if (answer == "hang")
+    agent.hangs = answer == "hang";
+    if (agent.hangs)
         return 1;
     if (answer == "dismiss")
         return sd_bus_reply_method_errorf(message, "org.freedesktop.PolicyKit1.Error.Cancelled", "closed");
@@ -112,6 +117,7 @@ int handle(sd_bus_message* message, void* context, sd_bus_error*)
     if (sd_bus_message_is_method_call(message, interfaceName, "BeginAuthentication"))
         return begin(message, agent);
     if (sd_bus_message_is_method_call(message, interfaceName, "CancelAuthentication")) {
+        agent.hangs = false;
         agent.write("cancel");
         return sd_bus_reply_method_return(message, "");
     }
@@ -181,7 +187,12 @@ int main(int count, char** words)
     const int null = ::open("/dev/null", O_RDWR);
     for (const int standard : {0, 1, 2})
         ::dup2(null, standard);
-    while (::kill(agent.process, 0) == 0 || errno == EPERM) {
+    const auto isThere = [&agent] { return ::kill(agent.process, 0) == 0 || errno == EPERM; };
+    constexpr std::chrono::seconds patience(10);
+    auto lastSeen = std::chrono::steady_clock::now();
+    while (agent.hangs ? std::chrono::steady_clock::now() - lastSeen < patience : isThere()) {
+        if (isThere())
+            lastSeen = std::chrono::steady_clock::now();
         const int done = sd_bus_process(bus, nullptr);
         if (done < 0)
             break;

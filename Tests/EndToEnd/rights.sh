@@ -55,6 +55,17 @@ asked() {
     echo "ok: $1 dialogs ${2:-}"
 }
 
+# taken_away: polkit takes a hanging dialog away a little after the process that asked is gone.
+taken_away() {
+    tries=0
+    until grep -qx cancel "$dialogs"; do
+        tries=$((tries + 1))
+        [ "$tries" -lt 100 ] || fail "the agent's dialog was left standing"
+        sleep 0.1
+    done
+    echo "ok: the agent's dialog was taken away"
+}
+
 trusted() { timeout 20 certutil -L -d "sql:$system_keychain" 2> /dev/null | grep -qE "^$1 +C,C, *\$"; }
 # nothing_trusted: takes out what an earlier step left.
 nothing_trusted() {
