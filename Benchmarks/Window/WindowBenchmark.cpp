@@ -29,7 +29,7 @@ double residentMegabytes()
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
         if (line.starts_with("VmHWM:"))
-            return std::atof(line.c_str() + std::strlen("VmHWM:")) * 1024 / 1e6;
+            return std::strtod(line.c_str() + std::strlen("VmHWM:"), nullptr) * 1024 / 1e6;
     }
     return -1;
 }
@@ -63,7 +63,7 @@ int main(int argc, char** argv)
         std::fputs("usage: window_benchmark START empty | wizard BUNDLE\n", stderr);
         return 2;
     }
-    const long long start = std::atoll(argv[1]);
+    const long long start = std::strtoll(argv[1], nullptr, 10);
     const QApplication application(argc, argv);
     if (std::strcmp(argv[2], "empty") == 0) {
         QWidget window;

@@ -58,7 +58,7 @@ std::string mutate(std::string text, std::mt19937& random)
 double secondsToRun()
 {
     const char* wanted = std::getenv("KEYFOLD_FUZZ_SECONDS");
-    return wanted ? std::atof(wanted) : 3;
+    return wanted ? std::strtod(wanted, nullptr) : 3;
 }
 
 unsigned seedToUse()
