@@ -25,7 +25,7 @@ printf '#!/bin/sh\ntouch /tmp/taken\n' > /tmp/evil/security
 cp /tmp/evil/security /tmp/evil/id
 chmod 755 /tmp/evil/*
 # shellcheck disable=SC2016
-hostile='cd /tmp/evil; umask 777; ulimit -S -f 1000; ulimit -S -n 12; trap "" TERM HUP; exec 7< /etc/passwd
+hostile='cd /tmp/evil; umask 777; ulimit -S -f 1000; ulimit -S -n 24; trap "" TERM HUP; exec 7< /etc/passwd
 LD_PRELOAD=/tmp/evil/hostile.so PATH=/tmp/evil:$PATH IFS=/ ENV=/tmp/evil/id LC_ALL=xx_XX HOME=/home/dave OPENSSL_CONF=/tmp/evil/id \
     SSLKEYLOGFILE=/home/dave/keys NSS_DEFAULT_DB_TYPE=dbm PKEXEC_UID=0 SUDO_UID=0 ASAN_OPTIONS=verify_asan_link_order=0 exec "$@"'
 with_agent password sh -c "$hostile" sh "$rights" add "$installed_authority"
