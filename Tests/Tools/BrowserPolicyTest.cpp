@@ -130,7 +130,8 @@ TEST_F(ChromiumPolicyTest, RemovingAllLeavesNothing)
 TEST_F(ChromiumPolicyTest, RemovingAllFindsWhatSomebodyTookOutHalf)
 {
     ASSERT_TRUE(place().add(authority().root()).succeeded());
-    writeFile(ours(), R"({"PolicyListMultipleSourceMergeList": ["CACertificates"], "HomepageLocation": "about:blank"})");
+    writeFile(
+        ours(), R"({"PolicyListMultipleSourceMergeList": ["CACertificates"], "HomepageLocation": "about:blank"})");
     EXPECT_EQ(place().removeAll().kind, OutcomeKind::done);
     EXPECT_EQ(read(ours()), (json{{"HomepageLocation", "about:blank"}})) << "somebody else's stays";
 }
@@ -328,7 +329,8 @@ TEST_F(FirefoxPolicyTest, TakesBackWhatWasPublishedTheOtherWay)
 
 TEST_F(FirefoxPolicyTest, RemovingAllLeavesWhatOthersMade)
 {
-    const std::string theirs = R"({"policies": {"Certificates": {"Install": ["/etc/firefox/certificates/theirs.pem"]}}})";
+    const std::string theirs =
+        R"({"policies": {"Certificates": {"Install": ["/etc/firefox/certificates/theirs.pem"]}}})";
     setPolicies(theirs);
     ASSERT_TRUE(place().add(authority().root()).succeeded());
     places_.module.clear();
