@@ -281,7 +281,7 @@ class ReadAs : public kf::test::LauncherTest { };
 
 TEST_F(ReadAs, TakesAFileOfTheLimitsSizeAndNoLarger)
 {
-    constexpr std::size_t limit = 64 * 1024;
+    constexpr std::size_t limit = 64UL * 1024;
     kf::test::writeFile(path("file"), std::string(limit, 'x'));
     const auto whole = readAs(::geteuid(), path("file"));
     ASSERT_TRUE(whole.bytes);

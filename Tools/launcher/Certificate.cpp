@@ -17,7 +17,7 @@ namespace kf::launcher {
 
 namespace {
 
-constexpr std::size_t sizeLimit = 64 * 1024;
+constexpr std::size_t sizeLimit = 64UL * 1024;
 
 std::string errorText(int error) { return std::generic_category().message(error); }
 
