@@ -17,7 +17,7 @@ QString translate(const char* text) { return QCoreApplication::translate("PlugIn
 
 } // namespace
 
-PlugIn::PlugIn(QString bundlePath) : path_(QFileInfo(std::move(bundlePath)).absoluteFilePath()) { }
+PlugIn::PlugIn(const QString& bundlePath) : path_(QFileInfo(bundlePath).absoluteFilePath()) { }
 
 PlugIn::State PlugIn::fail(State state, const QString& reason)
 {

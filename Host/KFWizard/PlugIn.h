@@ -26,7 +26,7 @@ public:
         paneFailed,            ///< the page could not be made of its interface file
     };
 
-    explicit PlugIn(QString bundlePath);
+    explicit PlugIn(const QString& bundlePath);
 
     /// Loads the code, once; later calls give the same state.
     State load();

@@ -87,7 +87,7 @@ QJsonObject BatchReport::object(int status, bool installed, bool dryRun) const
     for (const QString& about : order_) {
         const bool isJob = std::any_of(jobs_.begin(), jobs_.end(),
             [&](const QJsonValue& job) { return job.toObject()[QStringLiteral("name")] == about; });
-        for (const QJsonValue& text : isJob ? QJsonArray() : messages_[about])
+        for (const auto& text : isJob ? QJsonArray() : messages_[about])
             others.append(QJsonObject{{QStringLiteral("about"), about}, {QStringLiteral("text"), text}});
     }
     return {{QStringLiteral("version"), QStringLiteral(KEYFOLD_VERSION)}, {QStringLiteral("exitStatus"), status},
