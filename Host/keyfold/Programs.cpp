@@ -84,7 +84,7 @@ std::vector<BrowserPolicy> browserPolicies(const QString& tool, const std::strin
         QJsonDocument::fromJson(process.readAllStandardOutput()).object()[QStringLiteral("places")].toArray();
     std::vector<BrowserPolicy> policies;
     bool distributionTrusts = false;
-    for (const QJsonValue& value : places) {
+    for (const auto& value : places) {
         const QJsonObject place = value.toObject();
         const QString name = place[QStringLiteral("place")].toString();
         const bool isThere =
