@@ -15,6 +15,9 @@ public:
         : report_(report), deleteOld_(deleteOld), keychainPassphrase_(std::move(keychainPassphrase))
     {
     }
+    /// From now on the answer is "No", whatever the command line says. The thread that the presenter was made on,
+    /// before anybody asks.
+    void keepOld() noexcept { deleteOld_ = false; }
     NSInteger runAlert(const AlertQuestion& question) override;
     std::optional<SecretBytes> keychainPassphrase(const PassphraseQuestion& question) override;
 

@@ -108,19 +108,24 @@ Outcome runPage(const CommandLine& line, std::unique_ptr<KFWizardPane> made, Inp
     return outcome;
 }
 
-Outcome runWithInputs(const CommandLine& line, Inputs& inputs, BatchReport& report)
+Outcome runWithInputs(const CommandLine& line, Inputs& inputs, BatchPresenter& presenter, BatchReport& report)
 {
     PlugIn plugIn(bundlePathOf(line));
     std::unique_ptr<KFWizardPane> pane = plugIn.createPane();
     if (!pane)
         return fail(report, exitNoPage, plugIn.reason().toStdString());
-    const Bytes authority = shippedAuthority(plugIn.bundlePath());
-    if (line.dryRun) {
-        const BundleRequest request{line.login, line.pkcs12File, bytesOf(inputs.passphrase), authority};
-        return {reportDryRun(request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
-    }
-    for (const QString& warning : impostorWarnings(authority))
+    const BundleRequest request{
+        line.login, line.pkcs12File, bytesOf(inputs.passphrase), shippedAuthority(plugIn.bundlePath())};
+    const BundleCheck check = checkBundle(inputs.pkcs12, request);
+    if (line.dryRun)
+        return {reportDryRun(check, request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
+    for (const QString& warning : check.isGood() ? check.warnings : impostorWarnings(request.authority))
         report.warning(warning);
+    // The page deletes before it imports: what is old must not go for a bundle that cannot take its place.
+    if (line.deleteOld && !check.isGood()) {
+        presenter.keepOld();
+        report.warning(QStringLiteral("Nothing old will be deleted: ") + check.problem);
+    }
     return runPage(line, std::move(pane), inputs, report);
 }
 
@@ -174,7 +179,7 @@ int runBatch(const CommandLine& line, char* program)
     BatchPresenter presenter(report, line.deleteOld, std::exchange(inputs->keychainPassphrase, std::nullopt));
     const PresenterScope scope(&presenter);
     const NSLogObserver log([&](const std::string& text) { report.logged(text); });
-    outcome = runWithInputs(line, *inputs, report);
+    outcome = runWithInputs(line, *inputs, presenter, report);
     return report.finish(outcome.status, outcome.installed, line.dryRun);
 }
 

@@ -124,8 +124,13 @@ BundleCheck checkBundle(const BundleRequest& request)
     const auto read = readPKCS12AsBase64(request.file);
     if (const auto* error = std::get_if<InputError>(&read))
         return problemAt(BundleCheck::Place::file, QString::fromStdString(error->message));
+    return checkBundle(std::get<Ref<NSString>>(read), request);
+}
+
+BundleCheck checkBundle(Ref<NSString> base64, const BundleRequest& request)
+{
     BundleCheck check;
-    check.base64 = std::get<Ref<NSString>>(read);
+    check.base64 = std::move(base64);
     const auto bytes = decoded(check.base64);
     if (!bytes)
         return refusal(errSecUnknownFormat, false);

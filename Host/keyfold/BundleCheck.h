@@ -37,6 +37,9 @@ std::string emailAddressOf(const std::string& login);
 /// seconds where the bundle's iteration counts are high. Any thread.
 BundleCheck checkBundle(const BundleRequest& request);
 
+/// The same of a bundle that was read already (base64); the request's file is not looked at.
+BundleCheck checkBundle(Ref<NSString> base64, const BundleRequest& request);
+
 /// One warning for each keychain that holds another authority of the institution's name; `authority` is DER.
 QStringList impostorWarnings(const Bytes& authority);
 

@@ -98,6 +98,8 @@ std::variant<CommandLine, UsageError> readCommandLine(std::span<const char* cons
         return misuse("standard input is only for the pass phrase, not for", "--pkcs12");
     if (line.passphraseFile == "-" && line.keychainPassphraseFile == "-")
         return UsageError{"standard input can give one pass phrase only"};
+    if (line.dryRun && !line.pictureFile.empty())
+        return UsageError{"--dry-run and --picture exclude each other"};
     if (line.action == CommandLine::Action::batch) {
         if (const auto error = missingForBatch(line))
             return *error;

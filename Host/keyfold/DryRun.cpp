@@ -3,6 +3,8 @@
 #include "AppKit/Text.h"
 #include "Security/InstalledState.h"
 
+#include <algorithm>
+
 namespace kf {
 
 namespace {
@@ -13,7 +15,8 @@ const QString personal = QStringLiteral("Personal certificate");
 const QString authority = QStringLiteral("Certificate authority");
 const QString old = QStringLiteral("Old certificates");
 
-bool reportPersonal(const BundleCheck& check, const InstalledState& state, BatchReport& report)
+/// `isOld`: it would be deleted among the old ones where it is there.
+bool reportPersonal(const BundleCheck& check, const InstalledState& state, bool isOld, BatchReport& report)
 {
     const QString keychain = QString::fromStdString(state.defaultKeychain);
     report.message(personal, QString::fromStdString(check.certificate.name));
@@ -25,7 +28,10 @@ bool reportPersonal(const BundleCheck& check, const InstalledState& state, Batch
         return false;
     }
     if (state.personal.certificate && state.personal.privateKey)
-        report.message(personal, QStringLiteral("Is in %1 already").arg(keychain));
+        report.message(personal,
+            (isOld ? QStringLiteral("Is in %1 already; would be deleted and installed again")
+                   : QStringLiteral("Is in %1 already"))
+                .arg(keychain));
     else
         report.message(personal, QStringLiteral("Would be installed into %1").arg(keychain));
     return true;
@@ -62,10 +68,9 @@ void reportAuthority(const InstalledState& state, BatchReport& report)
 
 } // namespace
 
-bool reportDryRun(const BundleRequest& request, bool deleteOld, BatchReport& report)
+bool reportDryRun(const BundleCheck& check, const BundleRequest& request, bool deleteOld, BatchReport& report)
 {
     report.title(QStringLiteral("Dry run: nothing is changed"));
-    const BundleCheck check = checkBundle(request);
     if (!check.isGood()) {
         report.error(check.problem);
         return false;
@@ -74,8 +79,10 @@ bool reportDryRun(const BundleRequest& request, bool deleteOld, BatchReport& rep
         report.warning(warning);
     const InstalledState state = readInstalledState(check.certificate.der, request.authority);
     reportAuthority(state, report);
-    reportOld(emailAddressOf(request.login), deleteOld, report);
-    return reportPersonal(check, state, report);
+    const std::string address = emailAddressOf(request.login);
+    reportOld(address, deleteOld, report);
+    const bool isOld = deleteOld && std::ranges::count(check.certificate.emailAddresses, address) != 0;
+    return reportPersonal(check, state, isOld, report);
 }
 
 } // namespace kf

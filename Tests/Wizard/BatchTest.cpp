@@ -136,6 +136,48 @@ TEST_F(Batch, DeletesOldCertificatesOnlyWhenTold)
     EXPECT_EQ(keys(), 1);
 }
 
+struct BadBundle {
+    const char* name;
+    BundleOptions options = {};
+    bool isWrongPassphrase = false;
+    bool isDamaged = false;
+    const char* problem;
+};
+
+class BatchWithABadBundle : public Batch, public testing::WithParamInterface<BadBundle> { };
+
+TEST_P(BatchWithABadBundle, DeletesNothingOldAndTellsWhy)
+{
+    ASSERT_EQ(batch().status, 0);
+    const std::string before = run({"certutil", "-L", "-d", keychain()}).output;
+    const Bundle bundle = institution().issue(GetParam().options);
+    if (GetParam().isWrongPassphrase)
+        writeFile(passphraseFile(), std::string_view("wrong\n"));
+    if (GetParam().isDamaged)
+        std::filesystem::resize_file(bundle.file, std::filesystem::file_size(bundle.file) / 2);
+    const Ran ran = keyfold({"--batch", "--login", "ada", "--pkcs12", bundle.file, "--passphrase-file",
+        passphraseFile(), "--delete-old", "yes"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_THAT(ran.output,
+        AllOf(HasSubstr(std::string("keyfold: warning: Nothing old will be deleted: ") + GetParam().problem),
+            HasSubstr("\nAnswer: No\n"), HasSubstr("Personal certificate: Failed to install")));
+    EXPECT_EQ(keys(), 1);
+    EXPECT_EQ(run({"certutil", "-L", "-d", keychain()}).output, before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, BatchWithABadBundle,
+    testing::Values(BadBundle{.name = "WrongPassphrase",
+                        .isWrongPassphrase = true,
+                        .problem = "This pass phrase does not open the file."},
+        BadBundle{.name = "Damaged", .isDamaged = true, .problem = "The file is damaged."},
+        BadBundle{.name = "WithoutKey",
+            .options = {.withoutKey = true},
+            .problem = "The file holds no private key with a certificate"},
+        BadBundle{.name = "WithoutCertificate",
+            .options = {.withoutCertificate = true},
+            .problem = "The file holds no private key with a certificate"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
 TEST_F(Batch, WritesAPictureOfThePage)
 {
     const auto picture = home_.path() / "page.png";
@@ -188,6 +230,9 @@ INSTANTIATE_TEST_SUITE_P(Rows, BatchMisuse,
         Misuse{"TwoFromStandardInput", {"--batch", "--passphrase-file", "-", "--keychain-passphrase-file", "-"},
             "standard input can give one pass phrase only"},
         Misuse{"JsonAndQuiet", {"--batch", "--json", "--quiet"}, "--json, --quiet and --verbose exclude each other"},
+        Misuse{"PictureOfADryRun",
+            {"--batch", "--login", "a", "--pkcs12", "f", "--passphrase-file", "p", "--dry-run", "--picture", "x.png"},
+            "--dry-run and --picture exclude each other"},
         Misuse{"WindowWithJson", {"--json"}, "only for --batch: --json"},
         Misuse{"WindowDry", {"--dry-run"}, "only for --batch: --dry-run"},
         Misuse{"WindowWithPassphrase", {"--passphrase-file", "f"}, "only for --batch: --passphrase-file"}),
@@ -426,7 +471,7 @@ TEST_F(Batch, ADryRunAfterARunChangesNothing)
     EXPECT_THAT(ran.output,
         AllOf(HasSubstr("Certificate authority: Is trusted for this user already\n"),
             HasSubstr("Old certificates: 1 for ada@orvane.example; the institution’s would be deleted"),
-            HasSubstr("Personal certificate: Is in " + home_.defaultKeychain().string() + " already\n")));
+            HasSubstr("Personal certificate: Is in " + home_.defaultKeychain().string() + " already;")));
     EXPECT_THAT(batch({"--dry-run"}).output, HasSubstr("Old certificates: 1 for ada@orvane.example; would be kept\n"));
     EXPECT_EQ(snapshot(home_.path()), before);
     EXPECT_EQ(keys(), 1);
@@ -457,6 +502,28 @@ TEST_F(Batch, ADryRunWarnsAsTheSignInPageDoes)
     EXPECT_EQ(ran.status, 0);
     EXPECT_THAT(
         ran.output, HasSubstr("The certificate is issued for ada@orvane.example, not for grace@orvane.example."));
+}
+
+TEST_F(Batch, WarnsAsTheSignInPageDoes)
+{
+    const Bundle bundle = institution().issue({.notAfter = "20210101000000Z"});
+    const Ran ran =
+        keyfold({"--batch", "--login", "grace", "--pkcs12", bundle.file, "--passphrase-file", passphraseFile()});
+    EXPECT_EQ(ran.status, 0);
+    EXPECT_THAT(ran.output,
+        AllOf(HasSubstr("keyfold: warning: The certificate expired on 1 January 2021."),
+            HasSubstr("keyfold: warning: The certificate is issued for ada@orvane.example, not for "
+                      "grace@orvane.example.")));
+    EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(Batch, ADryRunTellsWhatWouldBeDeletedAndInstalledAgain)
+{
+    EXPECT_EQ(batch().status, 0);
+    const std::string place = home_.defaultKeychain().string();
+    EXPECT_THAT(batch({"--dry-run", "--delete-old", "yes"}).output,
+        HasSubstr("Personal certificate: Is in " + place + " already; would be deleted and installed again\n"));
+    EXPECT_THAT(batch({"--dry-run"}).output, HasSubstr("Personal certificate: Is in " + place + " already\n"));
 }
 
 TEST_F(Batch, WarnsOfAnImpostorInAKeychain)
