@@ -1,28 +1,8 @@
-# What a deployment and a developer choose.
+# What a developer chooses.
 
-set(KEYFOLD_EMAIL_DOMAIN "@orvane.example" CACHE STRING "Appended to a login name to make the e-mail address")
-set(KEYFOLD_HELP_URL "https://help.orvane.example/certificates" CACHE STRING "Address of the help article")
-set(KEYFOLD_CERTIFICATE_AUTHORITY "" CACHE FILEPATH
-    "The certificate authority's certificate (DER); empty: a demonstration authority is made")
 option(KEYFOLD_WITH_QT "Build what shows windows" ON)
 option(KEYFOLD_FUZZ "Build the fuzz targets; needs clang" OFF)
 set(KEYFOLD_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
-
-if(NOT KEYFOLD_EMAIL_DOMAIN MATCHES "^@[A-Za-z0-9.-]+$")
-  message(FATAL_ERROR "KEYFOLD_EMAIL_DOMAIN must be an @ and a domain, not '${KEYFOLD_EMAIL_DOMAIN}'")
-endif()
-# The address goes into C++ and RTF text as it stands.
-if(NOT KEYFOLD_HELP_URL MATCHES "^https?://[A-Za-z0-9._~:/?#@!$&'()*+,;=%-]+$")
-  message(FATAL_ERROR "KEYFOLD_HELP_URL must be a web address, not '${KEYFOLD_HELP_URL}'")
-endif()
-if(KEYFOLD_CERTIFICATE_AUTHORITY)
-  execute_process(COMMAND openssl x509 -inform DER -in "${KEYFOLD_CERTIFICATE_AUTHORITY}" -noout -subject -ext basicConstraints
-                  OUTPUT_VARIABLE authority ERROR_VARIABLE problem RESULT_VARIABLE status)
-  if(NOT status EQUAL 0 OR NOT authority MATCHES "CN = Orvane Certification Authority" OR NOT authority MATCHES "CA:TRUE")
-    message(FATAL_ERROR "KEYFOLD_CERTIFICATE_AUTHORITY must be a DER certificate of an authority whose common name is "
-                        "\"Orvane Certification Authority\": ${authority}${problem}")
-  endif()
-endif()
 
 add_library(keyfold_settings INTERFACE)
 target_compile_options(keyfold_settings INTERFACE

@@ -25,6 +25,9 @@ mkdir /tmp/clone
 (cd "$sources" && tar -c --exclude=./.git --exclude=./build --exclude='./build-*' .) | tar -x -C /tmp/clone
 cd /tmp/clone
 cp docs/deploying.md /tmp/deploying.md
+# Somebody tried the example where it stands.
+mkdir -p Examples/WelcomePage/build
+touch Examples/WelcomePage/build/CMakeCache.txt
 
 # An institution's own values.
 mkdir /tmp/pki
@@ -50,6 +53,9 @@ echo 'APT::Get::Assume-Yes "true";' > /etc/apt/apt.conf.d/99-answer
 
 commands 1
 expect "the packages are not the demonstration's" sh -c '! ls build/deployment/packages | grep demonstration'
+dpkg-deb -c build/deployment/packages/keyfold-dev_*.deb > "$log"
+says /examples/WelcomePage/CMakeLists.txt
+! grep -F WelcomePage/build "$log" || fail "what was built of the example is not shipped"
 expect "no demonstration authority was made" [ ! -e build/deployment/demo ]
 commands 2
 digest=$(sha256sum authority.der | cut -d ' ' -f 1)

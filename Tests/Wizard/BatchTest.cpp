@@ -560,6 +560,12 @@ protected:
     std::filesystem::path drop_ = home_.path() / ".keyfold";
 };
 
+TEST_F(BatchDocument, ItsUnitAsksNobodyAndDoesNotWaitForever)
+{
+    EXPECT_THAT(linesOfTheDocument(),
+        testing::IsSupersetOf({"Environment=KEYFOLD_AUTHORIZATION=none", "TimeoutStartSec=5min"}));
+}
+
 TEST_F(BatchDocument, ItsUnitInstallsAndRemovesWhatWasLeft)
 {
     int commands = 0;
@@ -594,6 +600,15 @@ TEST_F(BatchDocument, ItsTaskInstallsAndTellsThat)
     EXPECT_EQ(ran.status, 0) << ran.output;
     EXPECT_TRUE(jsonOf(ran)["installed"].toBool());
     EXPECT_EQ(keys(), 1);
+}
+
+TEST_F(BatchDocument, ItsTaskReadsTheOutputOnlyWhereThereIsSome)
+{
+    const Ran wrong = keyfold({"--batch", "--json"});
+    EXPECT_EQ(wrong.status, 2);
+    EXPECT_THAT(wrong.output, testing::StartsWith("keyfold: ")); // the reason, and no JSON
+    EXPECT_THAT(linesOfTheDocument(),
+        testing::Contains("  changed_when: keyfold.rc == 0 and (keyfold.stdout | from_json).installed"));
 }
 
 class BatchWithKeychainPassphrase : public Batch {
