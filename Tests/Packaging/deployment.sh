@@ -15,7 +15,7 @@ wrong() {
     sed 's/^/    | /' output >&2
     failed=1
 }
-taken() { with "$1" "$2" && echo "ok: $1=$2 is taken" || wrong "$1=$2 is not taken"; }
+taken() { if with "$1" "$2"; then echo "ok: $1=$2 is taken"; else wrong "$1=$2 is not taken"; fi; }
 # refused NAME VALUE TEXT: CMake breaks the lines of what it says.
 refused() {
     ! with "$1" "$2" || { wrong "$1=$2 is taken"; return; }
@@ -83,6 +83,6 @@ taken KEYFOLD_HELP_URL "$help"
 told=$(python3 -c 'import sys, xml.dom.minidom
 for url in xml.dom.minidom.parse(sys.argv[1]).getElementsByTagName("url"):
     print(url.firstChild.data)' metainfo.xml)
-[ "$told" = "$help
-$help" ] && echo "ok: the AppStream metadata has the address" || wrong "the AppStream metadata has the address: $told"
+if [ "$told" = "$help
+$help" ]; then echo "ok: the AppStream metadata has the address"; else wrong "the AppStream metadata has: $told"; fi
 exit $failed
