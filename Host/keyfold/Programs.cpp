@@ -68,7 +68,7 @@ std::vector<ProgramStore> programStores()
     return stores;
 }
 
-std::vector<BrowserPolicy> browserPolicies(const QString& tool, const std::string& certificateFile)
+std::optional<std::vector<BrowserPolicy>> browserPolicies(const QString& tool, const std::string& certificateFile)
 {
     QProcess process;
     process.setStandardInputFile(QProcess::nullDevice());
@@ -78,22 +78,31 @@ std::vector<BrowserPolicy> browserPolicies(const QString& tool, const std::strin
         NSLog("The browsers' policies are not known: %s: %s", tool.toStdString(), process.errorString().toStdString());
         process.kill();
         process.waitForFinished();
-        return {};
+        return std::nullopt;
     }
-    const QJsonArray places =
-        QJsonDocument::fromJson(process.readAllStandardOutput()).object()[QStringLiteral("places")].toArray();
+    const QJsonValue places =
+        QJsonDocument::fromJson(process.readAllStandardOutput()).object()[QStringLiteral("places")];
+    if (!places.isArray()) {
+        NSLog("The browsers' policies are not known: %s tells no places", tool.toStdString());
+        return std::nullopt;
+    }
     std::vector<BrowserPolicy> policies;
     bool distributionTrusts = false;
-    for (const auto& value : places) {
+    for (const auto& value : places.toArray()) {
         const QJsonObject place = value.toObject();
         const QString name = place[QStringLiteral("place")].toString();
+        const QString state = place[QStringLiteral("state")].toString();
         const bool isThere =
             place[QStringLiteral("published")].toBool() || place[QStringLiteral("fromAnotherSource")].toBool();
         const bool follows = !place[QStringLiteral("follows")].toString().isEmpty();
         if (name == u"distribution's trust store")
             distributionTrusts = isThere;
-        else if (name != u"System keychain" && place[QStringLiteral("state")].toString() == u"readable")
+        else if (name == u"System keychain" || state == u"not present")
+            continue;
+        else if (state == u"readable")
             policies.push_back({name, isThere || (follows && distributionTrusts)});
+        else
+            policies.push_back({name, std::nullopt});
     }
     return policies;
 }

@@ -5,6 +5,7 @@
 
 #include <QString>
 
+#include <optional>
 #include <vector>
 
 namespace kf {
@@ -22,11 +23,11 @@ std::vector<ProgramStore> programStores();
 /// A browser's policy for the whole machine, as the tool tells it.
 struct BrowserPolicy {
     QString browser;
-    bool trustsAuthority = false;
+    std::optional<bool> trustsAuthority; ///< nothing where the policy cannot be read
 };
 
-/// What the tool at `tool` says of the browsers on this machine and a certificate (DER); nothing where the tool is
-/// missing or does not answer. Waits for it: not for the main thread.
-std::vector<BrowserPolicy> browserPolicies(const QString& tool, const std::string& certificateFile);
+/// What the tool at `tool` says of the browsers on this machine and a certificate (DER), those that are not there left
+/// out; nothing where the tool is missing or does not answer. Waits for it: not for the main thread.
+std::optional<std::vector<BrowserPolicy>> browserPolicies(const QString& tool, const std::string& certificateFile);
 
 } // namespace kf

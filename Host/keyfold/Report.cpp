@@ -55,21 +55,65 @@ QStringList authorityLines(const Findings& findings)
     return lines;
 }
 
-bool isChromium(const QString& browser) { return browser.startsWith(u"Firefox") == false; }
+bool isFirefox(const QString& browser) { return browser.startsWith(u"Firefox"); }
 
+/// What the default keychain holds for them. It is not spoken of where none is there; unknown, one may be.
 void tellChromium(const Findings& findings, Report& report)
 {
-    const bool hasPersonal = findings.state.personal.certificate && findings.state.personal.privateKey;
-    const bool byPolicy = std::ranges::any_of(findings.policies,
-        [](const BrowserPolicy& policy) { return isChromium(policy.browser) && policy.trustsAuthority; });
-    if (hasPersonal)
+    const bool isThere = !findings.policies || std::ranges::any_of(*findings.policies, [](const BrowserPolicy& policy) {
+        return !isFirefox(policy.browser);
+    });
+    if (!isThere)
+        return;
+    if (findings.state.personal.certificate && findings.state.personal.privateKey)
         report.usedBy += translate("Chromium and the browsers made from it sign you in with your certificate, from "
                                    "their next start.");
-    if (findings.state.authorityForUser.trusted || byPolicy)
+    if (findings.state.authorityForUser.trusted)
         report.usedBy += translate("Chromium and the browsers made from it trust the authority’s servers.");
+}
+
+/// Whether a program trusts the authority, and how the member makes it do so.
+void tellTrust(const QString& program, std::optional<bool> trusts, Report& report)
+{
+    const bool isChromium = !isFirefox(program) && !program.startsWith(u"Thunderbird");
+    const QString where = isChromium
+        ? translate("in the settings under Privacy and security, Security, Manage certificates")
+        : translate("in the settings under Certificates, Authorities");
+    if (!trusts)
+        report.notUsedBy += translate("It could not be found out whether %1 trusts the authority’s servers. If it "
+                                      "warns you of them, import the authority there, %2.")
+                                .arg(program, where);
+    else if (*trusts)
+        report.usedBy += translate("%1 trusts the authority’s servers, from its next start.").arg(program);
     else
-        report.notUsedBy += translate("Chromium does not know the authority: import it in its settings, under "
-                                      "Privacy and security, Security, Manage certificates.");
+        report.notUsedBy +=
+            translate("%1 does not trust the authority’s servers: import the authority there, %2.").arg(program, where);
+}
+
+/// The browsers by their policies, and the programs without one by their own stores. What a browser's own store trusts
+/// needs no policy.
+void tellAuthority(const Findings& findings, Report& report)
+{
+    const std::vector<BrowserPolicy> unknown = {
+        {QStringLiteral("Chromium"), std::nullopt}, {QStringLiteral("Firefox"), std::nullopt}};
+    const qsizetype before = report.notUsedBy.size();
+    for (const BrowserPolicy& policy : findings.policies.value_or(unknown)) {
+        const bool trustsByItself = isFirefox(policy.browser)
+            ? std::ranges::any_of(findings.programs,
+                [&](const ProgramHolding& holding) {
+                    return holding.program == policy.browser && holding.trustsAuthority.value_or(false);
+                })
+            : findings.state.authorityForUser.trusted;
+        if (isFirefox(policy.browser) || !trustsByItself)
+            tellTrust(policy.browser, trustsByItself ? true : policy.trustsAuthority, report);
+    }
+    for (const ProgramHolding& holding : findings.programs) {
+        if (holding.program.startsWith(u"Thunderbird"))
+            tellTrust(holding.program, holding.trustsAuthority, report);
+    }
+    if (report.notUsedBy.size() > before)
+        report.notUsedBy += translate("The authority is imported from this file:\n%1")
+                                .arg(QString::fromStdString(findings.authorityFile));
 }
 
 void tellSystemStore(const Findings& findings, Report& report)
@@ -95,21 +139,9 @@ void tellOwnStores(const Findings& findings, Report& report)
         else
             report.notUsedBy += import.arg(holding.program);
     }
-    for (const BrowserPolicy& policy : findings.policies) {
-        if (isChromium(policy.browser))
-            continue;
-        if (policy.trustsAuthority)
-            report.usedBy += translate("%1 trusts the authority’s servers, from its next start.").arg(policy.browser);
-        else
-            report.notUsedBy += translate("%1 does not trust the authority’s servers: import the authority there, in "
-                                          "the settings under Certificates, Authorities.")
-                                    .arg(policy.browser);
-    }
     if (findings.programs.empty())
         report.notUsedBy += translate("Firefox and Thunderbird keep certificates of their own: where you use them, "
                                       "import the same file there, in the settings under Certificates.");
-    report.usedBy.removeDuplicates();
-    report.notUsedBy.removeDuplicates();
 }
 
 std::string nameOf(std::span<const std::uint8_t> certificate)
@@ -126,10 +158,14 @@ Findings readStores(std::span<const std::uint8_t> personalCertificate, std::span
     Findings findings;
     findings.personalName = nameOf(personalCertificate);
     findings.authorityName = nameOf(authority);
+    findings.authorityFile = authorityFile;
     findings.state = readInstalledState(personalCertificate, authority);
     findings.policies = browserPolicies(tool, authorityFile);
-    for (const ProgramStore& store : programStores())
-        findings.programs.push_back({store.program, readForeignDatabase(store.directory, personalCertificate)});
+    for (const ProgramStore& store : programStores()) {
+        const Result<bool> trusts = foreignDatabaseTrusts(store.directory, authority);
+        findings.programs.push_back({store.program, readForeignDatabase(store.directory, personalCertificate),
+            trusts ? std::optional(*trusts) : std::nullopt});
+    }
     return findings;
 }
 
@@ -141,6 +177,9 @@ Report makeReport(const Findings& findings)
     tellChromium(findings, report);
     tellSystemStore(findings, report);
     tellOwnStores(findings, report);
+    tellAuthority(findings, report);
+    report.usedBy.removeDuplicates(); // a program may have several profiles
+    report.notUsedBy.removeDuplicates();
     return report;
 }
 

@@ -12,14 +12,16 @@ namespace kf {
 struct ProgramHolding {
     QString program;
     KeychainHolding personal;
+    std::optional<bool> trustsAuthority; ///< for servers; nothing where that cannot be read
 };
 
 /// Everything that the report is made of.
 struct Findings {
     std::string personalName; ///< of the certificate
     std::string authorityName;
+    std::string authorityFile;
     InstalledState state;
-    std::vector<BrowserPolicy> policies;
+    std::optional<std::vector<BrowserPolicy>> policies; ///< nothing where they could not be found out
     std::vector<ProgramHolding> programs;
 };
 

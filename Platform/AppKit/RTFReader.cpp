@@ -609,9 +609,13 @@ void Reader::applyParagraph()
         list_ = cursor_.createList(format);
     // A bullet is as large as the text beside it, whatever stood before.
     QTextCharFormat bullet;
-    if (const auto first = cursor_.block().begin(); !first.atEnd())
-        bullet.setFontPointSize(first.fragment().charFormat().fontPointSize());
-    if (bullet.fontPointSize() > 0)
+    const auto first = cursor_.block().begin();
+    if (const double size = first.atEnd() ? 0 : first.fragment().charFormat().fontPointSize(); size > 0)
+        bullet.setFontPointSize(size);
+    // The list puts a bullet one space before its text: a wide one, or they all but touch.
+    if (!numbered)
+        bullet.setFontStretch(2 * QFont::Unstretched);
+    if (!bullet.isEmpty())
         cursor_.setBlockCharFormat(bullet);
     // The list draws bullet and indent itself; the file's own would double them.
     QTextBlockFormat block = cursor_.blockFormat();

@@ -63,6 +63,20 @@ KeychainHolding readForeignDatabase(const std::string& path, Span certificate)
     return holding;
 }
 
+Result<bool> foreignDatabaseTrusts(const std::string& path, Span authority)
+{
+    Result<keychain::Trust> trust = Failure{errSecItemNotFound};
+    const Status read = keychain::withDatabase(path, false, [&](keychain::Database& database) -> Status {
+        trust = database.trust(authority);
+        return {};
+    });
+    if (!read)
+        return read.failure();
+    if (!trust && trust.status() != errSecItemNotFound)
+        return trust.failure();
+    return trust && trust->server == keychain::TrustLevel::trusted;
+}
+
 Result<std::size_t> countIdentities(const std::string& emailAddress)
 {
     std::size_t count = 0;

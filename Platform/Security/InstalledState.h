@@ -37,4 +37,8 @@ Result<std::size_t> countIdentities(const std::string& emailAddress);
 /// database will do.
 KeychainHolding readForeignDatabase(const std::string& path, std::span<const std::uint8_t> certificate);
 
+/// Whether the NSS database at a path says that an authority is trusted for servers. errSecInteractionNotAllowed where
+/// the database is locked: another program's pass phrase is not asked for. Any thread.
+Result<bool> foreignDatabaseTrusts(const std::string& path, std::span<const std::uint8_t> authority);
+
 } // namespace kf

@@ -1,6 +1,5 @@
 // The end: what the stores themselves say was installed.
 
-#include "Security/Trust/DistributionStore.h"
 #include "Tests/Wizard/WalkFixture.h"
 #include "keyfold/EndPane.h"
 
@@ -14,18 +13,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-/// Of a machine where nobody has published anything.
-class EmptyStore final : public kf::trust::DistributionStore {
-public:
-    std::vector<kf::Bytes> certificatesWithSubject(std::span<const std::uint8_t>) const override { return {}; }
-    std::vector<kf::Bytes> certificates() const override { return {}; }
-};
-
 class EndPage : public Walk {
 protected:
-    EndPage() : storeBefore_(kf::trust::setDistributionStore(std::make_shared<EmptyStore>())) { }
-    ~EndPage() override { kf::trust::setDistributionStore(storeBefore_); }
-
     void install()
     {
         open();
@@ -38,19 +27,19 @@ protected:
         press("nextButton");
         EXPECT_EQ(label("titleLabel"), "What Was Installed");
     }
-    /// A profile as Firefox makes it, below HOME.
-    std::string makeProfile()
+    /// A profile as Firefox and Thunderbird make it, below HOME.
+    std::string makeProfile(const char* folder = ".mozilla/firefox", const std::string& passphrase = {})
     {
-        const auto root = home_.path() / ".mozilla/firefox";
+        const auto root = home_.path() / folder;
         std::filesystem::create_directories(root / "abc.default");
         writeFile(
             root / "profiles.ini", "[General]\nVersion=2\n[Profile0]\nName=default\nIsRelative=1\nPath=abc.default\n");
         const std::string database = "sql:" + (root / "abc.default").string();
-        mustRun({"certutil", "-N", "--empty-password", "-d", database});
+        const auto file = home_.path() / "passphrase";
+        writeFile(file, passphrase + "\n");
+        mustRun({"certutil", "-N", "-f", file.string(), "-d", database});
         return database;
     }
-
-    std::shared_ptr<const kf::trust::DistributionStore> storeBefore_;
 };
 
 TEST_F(EndPage, TellsWhatWasInstalledAndWhere)
@@ -105,9 +94,47 @@ TEST_F(EndPage, TellsAFirefoxProfileThatHasTheCertificate)
     EXPECT_THAT(report("usedByReport"), HasSubstr("Firefox has your certificate"));
 }
 
+TEST_F(EndPage, NamesTheAuthoritysFileOnALineOfItsOwn)
+{
+    install();
+    goToEnd();
+    EXPECT_THAT(report("notUsedByReport"), HasSubstr("\n" KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der\n"));
+}
+
+TEST_F(EndPage, TellsAThunderbirdThatDoesNotTrustTheAuthority)
+{
+    const std::string profile = makeProfile(".thunderbird");
+    install();
+    goToEnd();
+    EXPECT_THAT(report("notUsedByReport"),
+        HasSubstr("Thunderbird does not trust the authority’s servers: import the authority there, in the settings "
+                  "under Certificates, Authorities."));
+}
+
+TEST_F(EndPage, TellsAThunderbirdThatTrustsTheAuthority)
+{
+    const std::string profile = makeProfile(".thunderbird");
+    mustRun({"certutil", "-A", "-n", "authority", "-t", "C,C,", "-i",
+        KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der", "-d", profile});
+    install();
+    goToEnd();
+    EXPECT_THAT(report("usedByReport"), HasSubstr("Thunderbird trusts the authority’s servers"));
+    EXPECT_THAT(report("notUsedByReport"), Not(HasSubstr("Thunderbird does not trust")));
+}
+
+TEST_F(EndPage, DoesNotAskForThunderbirdsPassPhrase)
+{
+    makeProfile(".thunderbird", "a pass phrase");
+    install();
+    const WhenDialogOpens watch("passphraseBox", [](QWidget* box) { box->close(); });
+    goToEnd();
+    EXPECT_EQ(watch.seen(), 0);
+    EXPECT_THAT(report("notUsedByReport"), HasSubstr("could not be found out whether Thunderbird trusts"));
+}
+
 class Policies : public testing::Test {
 protected:
-    std::vector<kf::BrowserPolicy> answerOf(const std::string& script)
+    std::optional<std::vector<kf::BrowserPolicy>> answerOf(const std::string& script)
     {
         writeFile(tool_, "#!/bin/sh\n" + script);
         std::filesystem::permissions(tool_, std::filesystem::perms::owner_all);
@@ -127,20 +154,28 @@ cat <<'JSON'
   {"place": "Chromium", "state": "readable", "published": false, "fromAnotherSource": false},
   {"place": "Chrome", "state": "not present", "published": false, "fromAnotherSource": false},
   {"place": "Firefox", "state": "readable", "follows": "distribution's trust store", "published": false,
-   "fromAnotherSource": false}]}
-JSON)");
-    ASSERT_EQ(policies.size(), 2);
-    EXPECT_EQ(policies[0].browser, QStringLiteral("Chromium"));
-    EXPECT_FALSE(policies[0].trustsAuthority);
-    EXPECT_EQ(policies[1].browser, QStringLiteral("Firefox"));
-    EXPECT_TRUE(policies[1].trustsAuthority);
+   "fromAnotherSource": false},
+  {"place": "Brave", "state": "not readable", "published": false, "fromAnotherSource": false}]}
+JSON
+exit 1)");
+    ASSERT_TRUE(policies);
+    ASSERT_EQ(policies->size(), 3);
+    EXPECT_EQ(policies->at(0).browser, QStringLiteral("Chromium"));
+    EXPECT_EQ(policies->at(0).trustsAuthority, false);
+    EXPECT_EQ(policies->at(1).browser, QStringLiteral("Firefox"));
+    EXPECT_EQ(policies->at(1).trustsAuthority, true);
+    EXPECT_EQ(policies->at(2).browser, QStringLiteral("Brave"));
+    EXPECT_EQ(policies->at(2).trustsAuthority, std::nullopt);
 }
 
 TEST_F(Policies, AToolThatIsMissingOrTalksNonsenseTellsNothing)
 {
-    EXPECT_TRUE(kf::browserPolicies(QStringLiteral("/nonexistent"), "/some/authority.der").empty());
-    EXPECT_TRUE(answerOf("echo nonsense\n").empty());
-    EXPECT_TRUE(answerOf("kill -9 $$\n").empty());
+    EXPECT_FALSE(kf::browserPolicies(QStringLiteral("/nonexistent"), "/some/authority.der"));
+    EXPECT_FALSE(answerOf("echo nonsense\n"));
+    EXPECT_FALSE(answerOf("kill -9 $$\n"));
+    const auto noBrowsers = answerOf("echo '{\"places\": []}'\n");
+    ASSERT_TRUE(noBrowsers);
+    EXPECT_TRUE(noBrowsers->empty());
 }
 
 kf::Findings everywhere()
@@ -153,8 +188,9 @@ kf::Findings everywhere()
     findings.state.authorityForUser = {errSecSuccess, true, false, true};
     findings.state.authorityForAll = {errSecSuccess, true, false, true};
     findings.state.authorityInDistributionStore = true;
-    findings.policies = {{QStringLiteral("Chromium"), true}, {QStringLiteral("Firefox"), true}};
-    findings.programs = {{QStringLiteral("Firefox"), {errSecSuccess, true, false, false}}};
+    findings.authorityFile = "/lib/ca.der";
+    findings.policies = {{{QStringLiteral("Chromium"), true}, {QStringLiteral("Firefox"), true}}};
+    findings.programs = {{QStringLiteral("Firefox"), {errSecSuccess, true, false, false}, false}};
     return findings;
 }
 
@@ -190,12 +226,74 @@ TEST(Report, TellsWhatToDoForBrowsersThatDoNotTrustTheAuthority)
     kf::Findings findings = everywhere();
     findings.state.authorityForUser.trusted = false;
     findings.state.authorityInDistributionStore = false;
-    for (kf::BrowserPolicy& policy : findings.policies)
-        policy.trustsAuthority = false;
-    const std::string left = kf::makeReport(findings).notUsedBy.join(u'\n').toStdString();
-    EXPECT_THAT(left,
-        AllOf(HasSubstr("Chromium does not know the authority"), HasSubstr("Firefox does not trust the authority"),
-            HasSubstr("curl, wget")));
+    findings.policies = {{{QStringLiteral("Chromium"), false}, {QStringLiteral("Firefox"), false}}};
+    EXPECT_THAT(kf::makeReport(findings).notUsedBy,
+        ElementsAre(QStringLiteral("curl, wget and other programs that follow the system’s trust store do not trust "
+                                   "the authority’s servers: an administrator has to run this program."),
+            QStringLiteral("Chromium does not trust the authority’s servers: import the authority there, in the "
+                           "settings under Privacy and security, Security, Manage certificates."),
+            QStringLiteral("Firefox does not trust the authority’s servers: import the authority there, in the "
+                           "settings under Certificates, Authorities."),
+            QStringLiteral("The authority is imported from this file:\n/lib/ca.der")));
+}
+
+TEST(Report, OneBrowsersPolicySaysNothingOfAnother)
+{
+    kf::Findings findings = everywhere();
+    findings.state.authorityForUser.trusted = false;
+    findings.policies = {{{QStringLiteral("Chromium"), false}, {QStringLiteral("Brave"), true}}};
+    const kf::Report report = kf::makeReport(findings);
+    const std::string used = report.usedBy.join(u'\n').toStdString();
+    EXPECT_THAT(used, HasSubstr("Brave trusts the authority’s servers"));
+    EXPECT_THAT(used, Not(HasSubstr("made from it trust")));
+    EXPECT_THAT(report.notUsedBy.join(u'\n').toStdString(), HasSubstr("Chromium does not trust the authority"));
+}
+
+TEST(Report, SaysWhatCouldNotBeFoundOut)
+{
+    kf::Findings findings = everywhere();
+    findings.state.authorityForUser.trusted = false;
+    findings.policies = std::nullopt;
+    EXPECT_THAT(kf::makeReport(findings).notUsedBy,
+        ElementsAre(QStringLiteral("It could not be found out whether Chromium trusts the authority’s servers. If it "
+                                   "warns you of them, import the authority there, in the settings under Privacy and "
+                                   "security, Security, Manage certificates."),
+            QStringLiteral("It could not be found out whether Firefox trusts the authority’s servers. If it warns you "
+                           "of them, import the authority there, in the settings under Certificates, Authorities."),
+            QStringLiteral("The authority is imported from this file:\n/lib/ca.der")));
+    findings.policies = {{{QStringLiteral("Brave"), std::nullopt}}};
+    EXPECT_THAT(kf::makeReport(findings).notUsedBy.join(u'\n').toStdString(),
+        HasSubstr("It could not be found out whether Brave trusts"));
+}
+
+TEST(Report, TheKeychainSpeaksForChromiumWhateverItsPolicy)
+{
+    kf::Findings findings = everywhere();
+    findings.policies = {{{QStringLiteral("Chromium"), false}}};
+    const kf::Report report = kf::makeReport(findings);
+    EXPECT_TRUE(report.usedBy.join(u'\n').contains(u"Chromium and the browsers made from it trust"));
+    EXPECT_TRUE(report.notUsedBy.isEmpty()) << report.notUsedBy.join(u'\n').toStdString();
+}
+
+TEST(Report, DoesNotSpeakOfABrowserThatIsNotThere)
+{
+    kf::Findings findings = everywhere();
+    findings.policies = {{{QStringLiteral("Firefox"), true}}};
+    for (const bool forUser : {true, false}) {
+        findings.state.authorityForUser.trusted = forUser;
+        const kf::Report report = kf::makeReport(findings);
+        EXPECT_FALSE((report.usedBy + report.notUsedBy).join(u'\n').contains(u"Chromium"));
+    }
+}
+
+TEST(Report, AFirefoxThatTrustsByItselfNeedsNoPolicy)
+{
+    kf::Findings findings = everywhere();
+    findings.policies = {{{QStringLiteral("Firefox"), false}}};
+    findings.programs[0].trustsAuthority = true;
+    const kf::Report report = kf::makeReport(findings);
+    EXPECT_TRUE(report.usedBy.join(u'\n').contains(u"Firefox trusts the authority’s servers"));
+    EXPECT_TRUE(report.notUsedBy.isEmpty()) << report.notUsedBy.join(u'\n').toStdString();
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include "AppKit/RTFReader.h"
 #include "Tests/Wizard/Support.h"
 
+#include <QFontMetrics>
+#include <QPainter>
 #include <QTextBlock>
 #include <QTextBrowser>
 #include <QTextDocument>
@@ -184,6 +186,41 @@ TEST(RTFReader, ABulletIsAsLargeAsItsText)
         EXPECT_EQ(block.charFormat().fontPointSize(), 10.0);
         EXPECT_NE(block.charFormat().fontWeight(), QFont::Bold);
     }
+}
+
+/// The columns that are empty between the first ink and the next.
+int firstGap(QTextDocument& document)
+{
+    QImage image(200, 40, QImage::Format_RGB32);
+    image.fill(Qt::white);
+    QPainter painter(&image);
+    document.drawContents(&painter);
+    painter.end();
+    const auto isEmpty = [&](int x) {
+        for (int y = 0; y < image.height(); ++y) {
+            if (image.pixel(x, y) != qRgb(255, 255, 255))
+                return false;
+        }
+        return true;
+    };
+    int x = 0;
+    const auto pass = [&](bool empty) {
+        const int from = x;
+        while (x < image.width() && isEmpty(x) == empty)
+            ++x;
+        return x - from;
+    };
+    pass(true);
+    pass(false);
+    return pass(true);
+}
+
+TEST(RTFReader, ABulletStandsApartFromItsText)
+{
+    QTextDocument document;
+    ASSERT_TRUE(read("{\\rtf1{\\fonttbl{\\f0\\fswiss Helvetica;}}\\f0\\fs40 {\\pntext\\bullet\\tab}H}", document));
+    const QFontMetrics metrics(document.begin().begin().fragment().charFormat().font());
+    EXPECT_GE(firstGap(document), 3 * metrics.horizontalAdvance(u' ') / 2);
 }
 
 TEST(RTFReader, MakesLinksOfWebAndMailAddressesOnly)

@@ -4,6 +4,7 @@
 #include "AppKit/QtPresenter.h"
 #include "KFWizard/KFWizardPane.h"
 #include "Security/Keychain/Store.h"
+#include "Security/Trust/DistributionStore.h"
 #include "Tests/Support/Fixtures.h"
 #include "Tests/Support/ScratchHome.h"
 #include "Tests/Wizard/Support.h"
@@ -28,9 +29,16 @@ inline const Bundle& bundle()
     return made;
 }
 
+/// Of a machine where nobody has published anything.
+class EmptyStore final : public kf::trust::DistributionStore {
+public:
+    std::vector<kf::Bytes> certificatesWithSubject(std::span<const std::uint8_t>) const override { return {}; }
+    std::vector<kf::Bytes> certificates() const override { return {}; }
+};
+
 class Walk : public testing::Test {
 protected:
-    Walk()
+    Walk() : storeBefore_(kf::trust::setDistributionStore(std::make_shared<EmptyStore>()))
     {
         line_.bundle = KEYFOLD_BUNDLE;
         kf::Presenter::setCurrent(&presenter_);
@@ -40,6 +48,7 @@ protected:
         kf::Presenter::setCurrent(nullptr);
         window_.reset();
         kf::keychain::closeAll();
+        kf::trust::setDistributionStore(storeBefore_);
     }
 
     void open()
@@ -101,6 +110,7 @@ protected:
         return static_cast<int>(std::count(listed.begin(), listed.end(), '<'));
     }
 
+    std::shared_ptr<const kf::trust::DistributionStore> storeBefore_;
     ScratchHome home_;
     kf::QtPresenter presenter_;
     kf::CommandLine line_;
