@@ -8,14 +8,23 @@ namespace kf {
 
 namespace {
 
-class Loader final : public QUiLoader {
+/// Lets Qt find no plug-ins while it lives. Interface files need Qt's own classes and the page's; Designer's plug-ins,
+/// which a loader loads when it is made, would be code from elsewhere, and Qt Quick along with it.
+class WithoutPlugIns {
 public:
-    explicit Loader(const ViewFactory& factory) : factory_(factory)
-    {
-        // Interface files need Qt's own classes and the page's; Designer's
-        // plug-ins would be code from elsewhere.
-        clearPluginPaths();
-    }
+    WithoutPlugIns() : paths_(QCoreApplication::libraryPaths()) { QCoreApplication::setLibraryPaths({}); }
+    ~WithoutPlugIns() { QCoreApplication::setLibraryPaths(paths_); }
+    WithoutPlugIns(const WithoutPlugIns&) = delete;
+    WithoutPlugIns& operator=(const WithoutPlugIns&) = delete;
+
+private:
+    QStringList paths_;
+};
+
+/// Made while there are no plug-ins.
+class Loader final : private WithoutPlugIns, public QUiLoader {
+public:
+    explicit Loader(const ViewFactory& factory) : factory_(factory) { }
 
     QWidget* createWidget(const QString& className, QWidget* parent, const QString& name) override
     {
