@@ -170,8 +170,8 @@ int runBatch(const CommandLine& line, char* program)
         return report.finish(outcome.status, false, line.dryRun);
 
     qInstallMessageHandler(tellTrouble);
-    // Before Qt starts: without a display it would end the program.
-    qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows any.
+    qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
     int argc = 1;
     char* argv[] = {program, nullptr};
     const QApplication application(argc, argv);
@@ -180,6 +180,7 @@ int runBatch(const CommandLine& line, char* program)
     const PresenterScope scope(&presenter);
     const NSLogObserver log([&](const std::string& text) { report.logged(text); });
     outcome = runWithInputs(line, *inputs, presenter, report);
+    forgetInspectedBundle();
     return report.finish(outcome.status, outcome.installed, line.dryRun);
 }
 

@@ -11,6 +11,7 @@ BundleChecker::~BundleChecker()
 {
     if (thread_.joinable())
         thread_.join();
+    forgetInspectedBundle();
 }
 
 void BundleChecker::start(BundleRequest request)

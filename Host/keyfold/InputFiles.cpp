@@ -66,14 +66,14 @@ private:
 
 InputError systemError(const std::string& path) { return {path + " cannot be read: " + std::strerror(errno)}; }
 
-/// Reads a file, to its end or to the end of its first line, into one block
-/// that is never moved; without stdio, whose buffers would keep a copy. One byte
+/// Reads a file, to its end or to the end of its first line; without stdio, whose buffers would keep a copy. One byte
 /// above `limit` tells a longer file.
 std::variant<SecretBytes, InputError> readFile(int file, const std::string& path, std::size_t limit, bool firstLine)
 {
-    SecretBytes bytes(limit + 1);
+    constexpr std::size_t firstRoom = 16384;
+    SecretBytes bytes(std::min(firstRoom, limit + 1));
     std::size_t length = 0;
-    while (length < bytes.size()) {
+    for (;;) {
         const ssize_t count = read(file, bytes.data() + length, bytes.size() - length);
         if (count < 0 && errno == EINTR)
             continue;
@@ -83,11 +83,13 @@ std::variant<SecretBytes, InputError> readFile(int file, const std::string& path
             break;
         const auto* const start = bytes.data() + length;
         length += static_cast<std::size_t>(count);
+        if (length > limit)
+            return InputError{path + " is longer than " + std::to_string(limit) + " bytes"};
         if (firstLine && std::memchr(start, '\n', static_cast<std::size_t>(count)))
             break;
+        if (length == bytes.size())
+            bytes.resize(std::min(2 * length, limit + 1));
     }
-    if (length > limit)
-        return InputError{path + " is longer than " + std::to_string(limit) + " bytes"};
     bytes.resize(length);
     return bytes;
 }

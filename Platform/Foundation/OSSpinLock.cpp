@@ -19,7 +19,7 @@ namespace kf::spinlock {
 // but a barrier keeps a processor from looking first; the thread that is going
 // to sleep has one made on every core that runs this process.
 
-// Settled at first use, not by an initialiser: threads may be here before it would run.
+// Settled at first use where that comes first: threads may be here before an initialiser has run.
 constinit std::atomic<Unlocking> unlocking{unsettled};
 
 namespace {
@@ -50,6 +50,13 @@ bool registerBarriers() noexcept { return membarrier(MEMBARRIER_CMD_REGISTER_PRI
     const KeptErrno keptErrno;
     Unlocking expected = unsettled;
     unlocking.compare_exchange_strong(expected, registerBarriers() ? byStore : byExchange);
+}
+
+// Once there are several threads, the kernel makes whoever asks for barriers wait for some milliseconds.
+[[gnu::constructor]] void settleEarly() noexcept
+{
+    if (__libc_single_threaded)
+        settle();
 }
 
 /// Ends unlocking by store. False where the kernel does not make barriers after all.

@@ -1,7 +1,7 @@
 #include "Security/BundleInspection.h"
 
+#include "Security/Keychain/KeptBundle.h"
 #include "Security/Keychain/Locations.h"
-#include "Security/Keychain/PKCS12.h"
 #include "Security/Keychain/Store.h"
 
 #include <algorithm>
@@ -16,12 +16,19 @@ bool goesBy(const CertificateFields& fields, const std::string& alias)
     return !alias.empty() && (fields.commonName == alias || std::ranges::count(fields.emailAddresses, alias) > 0);
 }
 
+Result<keychain::Bundle> readOnce(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase)
+{
+    if (auto kept = keychain::takeKeptBundle(pkcs12, passphrase))
+        return std::move(*kept);
+    return keychain::readBundle(pkcs12, passphrase);
+}
+
 } // namespace
 
 Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase,
     std::span<const std::uint8_t> authority)
 {
-    auto bundle = keychain::readBundle(pkcs12, passphrase);
+    auto bundle = readOnce(pkcs12, passphrase);
     if (!bundle)
         return bundle.failure();
     auto leaf = readCertificateFields(bundle->leaf.der);
@@ -39,9 +46,12 @@ Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std
     inspection.notBefore = leaf->notBefore;
     inspection.notAfter = leaf->notAfter;
     inspection.holdsImpostor = isImpostor(bundle->leaf) || std::ranges::any_of(bundle->chain, isImpostor);
-    inspection.der = std::move(bundle->leaf.der);
+    inspection.der = bundle->leaf.der;
+    keychain::keepBundle(pkcs12, passphrase, std::move(*bundle));
     return inspection;
 }
+
+void forgetInspectedBundle() { keychain::forgetKeptBundle(); }
 
 std::vector<std::string> keychainsWithImpostor(std::span<const std::uint8_t> authority)
 {

@@ -18,10 +18,14 @@ struct BundleInspection {
 };
 
 /// Reads a bundle with the import's own code and writes nothing. `passphrase` is UTF-8; `authority` is the DER of the
-/// institution's authority. Takes seconds where the bundle's iteration counts are high. Any thread. Errors: those of
-/// SecKeychainItemImport.
+/// institution's authority. Takes seconds where the bundle's iteration counts are high; what was read of the last good
+/// bundle, its key too, stays in memory until it is imported or forgotten, so that the import does not take them again.
+/// Any thread. Errors: those of SecKeychainItemImport.
 Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase,
     std::span<const std::uint8_t> authority);
+
+/// Wipes what the last inspection left for an import. Any thread.
+void forgetInspectedBundle();
 
 /// The paths of the searched keychains that hold a certificate which is found by the authority's name and is another
 /// one. A keychain that cannot be read is left out. Any thread.

@@ -200,8 +200,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{"Tools/launcher/Launcher.cpp", {"Security/Authorization/LaunchReply.h", true}, true},
                     Row{"Tools/launcher/Launcher.cpp", {"Foundation/NSString.h", true}, false},
                     Row{"Tools/unpublish/main.cpp", {"Security/SecTrust.h", true}, false},
-                    Row{"Platform/Security/Authorization/PolkitAuthority.cpp", {"systemd/sd-bus.h", false}, true},
-                    Row{"Platform/Security/Authorization/PolkitAuthority.h", {"systemd/sd-bus.h", false}, false},
+                    Row{"Platform/Security/Authorization/PolkitModule.cpp", {"systemd/sd-bus.h", false}, true},
+                    Row{"Platform/Security/Authorization/PolkitModule.h", {"systemd/sd-bus.h", false}, false},
                     Row{"Tools/launcher/Launcher.cpp", {"systemd/sd-bus.h", false}, false}));
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "Security/Certificate/CertificateFields.h"
 
 #include "Security/Certificate/DERReader.h"
-#include "Security/ScopedOpenSSL.h"
+#include "Security/Certificate/LibraryContext.h"
 
 #include <algorithm>
 #include <array>
@@ -315,13 +315,13 @@ bool readTBSCertificate(Span certificate, CertificateFields& fields)
 Digest sha256(std::span<const std::uint8_t> bytes)
 {
     // Fetched once: a fetch costs more than the digest of a certificate.
-    static const ScopedEVP_MD algorithm(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    static const ScopedEVP_MD algorithm(EVP_MD_fetch(libraryContext(), "SHA256", nullptr));
     return digest<32>(bytes, algorithm.get());
 }
 
 std::array<std::uint8_t, 20> sha1(std::span<const std::uint8_t> bytes)
 {
-    static const ScopedEVP_MD algorithm(EVP_MD_fetch(nullptr, "SHA1", nullptr));
+    static const ScopedEVP_MD algorithm(EVP_MD_fetch(libraryContext(), "SHA1", nullptr));
     return digest<20>(bytes, algorithm.get());
 }
 

@@ -1,5 +1,5 @@
+#include "Security/Keychain/KeptBundle.h"
 #include "Security/Keychain/Labels.h"
-#include "Security/Keychain/PKCS12.h"
 #include "Security/Keychain/SecretText.h"
 #include "Security/Keychain/Store.h"
 #include "Security/SecIdentity.h"
@@ -53,6 +53,8 @@ Result<Bundle> readImportedData(const Ref<NSData>& data, const SecKeyImportExpor
     const auto passphrase = secretUTF8(*parameters.passphrase);
     if (!passphrase)
         return Failure{errSecParam};
+    if (auto kept = takeKeptBundle(data->span(), *passphrase))
+        return std::move(*kept);
     return readBundle(data->span(), *passphrase);
 }
 

@@ -1,7 +1,8 @@
 #include "Security/Keychain/PKCS12.h"
 
+#include "Security/Certificate/DERReader.h"
+#include "Security/Certificate/LibraryContext.h"
 #include "Security/Keychain/Labels.h"
-#include "Security/ScopedOpenSSL.h"
 
 #include <algorithm>
 #include <limits>
@@ -27,28 +28,6 @@ constexpr std::int64_t mostIterations = 10'000'000;
 constexpr std::int64_t largestScryptMemory = std::int64_t{32} << 20U;
 constexpr int deepestNesting = 4;
 constexpr int largestRSAKey = 16384;
-
-/// OpenSSL for old and new algorithms, apart from what the rest of the process uses.
-class LibraryContext {
-public:
-    static OSSL_LIB_CTX* get()
-    {
-        static const LibraryContext instance;
-        return instance.context_.get();
-    }
-
-private:
-    LibraryContext()
-        : context_(OSSL_LIB_CTX_new()), current_(OSSL_PROVIDER_load(context_.get(), "default")),
-          // Without it RC2, as old programs use it, is reported as unsupported.
-          legacy_(OSSL_PROVIDER_load(context_.get(), "legacy"))
-    {
-    }
-
-    ScopedOSSL_LIB_CTX context_;
-    ScopedOSSL_PROVIDER current_;
-    ScopedOSSL_PROVIDER legacy_;
-};
 
 /// What a bundle's safes hold, taken out.
 struct Contents {
@@ -102,8 +81,13 @@ int algorithmId(const X509_ALGOR* algorithm)
 bool hasCipher(int id)
 {
     const OpenSSLErrorMark mark;
-    const ScopedEVP_CIPHER cipher(EVP_CIPHER_fetch(LibraryContext::get(), OBJ_nid2sn(id), nullptr));
-    return cipher != nullptr;
+    const auto isThere = [id] {
+        return ScopedEVP_CIPHER(EVP_CIPHER_fetch(libraryContext(), OBJ_nid2sn(id), nullptr)) != nullptr;
+    };
+    if (isThere())
+        return true;
+    addOldAlgorithms();
+    return isThere();
 }
 
 /// What a key derivation costs, in iterations.
@@ -221,6 +205,30 @@ std::string friendlyNameOf(const PKCS12_SAFEBAG* bag)
     return text && NSString::stringWithUTF8String(text.get()) ? std::string(text.get()) : std::string();
 }
 
+/// The bytes of the certificate in a bag; empty where there are none. OpenSSL's own call for this decodes them in the
+/// context of the rest of the process.
+Bytes certificateIn(const PKCS12_SAFEBAG* bag)
+{
+    unsigned char* encoded = nullptr;
+    const int length = i2d_PKCS12_SAFEBAG(bag, &encoded);
+    const ScopedOpenSSLBytes owner(encoded);
+    if (length <= 0)
+        return {};
+    // SafeBag and CertBag (RFC 7292, 4.2): an identifier each, then what it stands for.
+    std::optional<DERElement> value = DERReader({encoded, static_cast<std::size_t>(length)}).next(der::sequence);
+    for (const int inside : {der::sequence, der::octetString}) {
+        if (!value)
+            return {};
+        DERReader reader(value->content);
+        if (!reader.next(der::objectIdentifier))
+            return {};
+        value = reader.nextContext(0);
+        if (value)
+            value = DERReader(value->content).next(inside);
+    }
+    return value ? Bytes(value->content.begin(), value->content.end()) : Bytes();
+}
+
 Bytes derOf(const X509* certificate)
 {
     const int length = i2d_X509(certificate, nullptr);
@@ -303,7 +311,7 @@ private:
             return affordable;
         const ScopedSafeBagStack bags(static_cast<STACK_OF(PKCS12_SAFEBAG)*>(
             PKCS12_item_decrypt_d2i_ex(content->algorithm, ASN1_ITEM_rptr(PKCS12_SAFEBAGS), passphrase_, length_,
-                content->enc_data, 1, LibraryContext::get(), nullptr)));
+                content->enc_data, 1, libraryContext(), nullptr)));
         ++(bags ? opened_ : refused_);
         return bags ? readBags(bags.get(), 0) : Status(Failure{errSecDecode});
     }
@@ -342,7 +350,7 @@ private:
         if (const auto affordable = pay(algorithm); !affordable)
             return affordable;
         const ScopedPKCS8_PRIV_KEY_INFO info(
-            PKCS8_decrypt_ex(shrouded, passphrase_, length_, LibraryContext::get(), nullptr));
+            PKCS8_decrypt_ex(shrouded, passphrase_, length_, libraryContext(), nullptr));
         ++(info ? opened_ : refused_);
         return info ? readKey(bag, info.get()) : Status(Failure{errSecDecode});
     }
@@ -351,7 +359,7 @@ private:
     {
         if (contents_.keys.size() == mostBundleKeys)
             return Failure{errSecDataTooLarge};
-        ScopedEVP_PKEY key(EVP_PKCS82PKEY_ex(info, LibraryContext::get(), nullptr));
+        ScopedEVP_PKEY key(EVP_PKCS82PKEY_ex(info, libraryContext(), nullptr));
         if (!key)
             return Failure{isKnownKind(info) ? errSecDecode : errSecUnsupportedKeyFormat};
         contents_.keys.push_back({std::move(key), localIdOf(bag), friendlyNameOf(bag)});
@@ -364,7 +372,11 @@ private:
             return {};
         if (contents_.certificates.size() == mostBundleCertificates)
             return Failure{errSecDataTooLarge};
-        ScopedX509 certificate(PKCS12_SAFEBAG_get1_cert(bag));
+        X509* decoded = X509_new_ex(libraryContext(), nullptr);
+        const Bytes octets = certificateIn(bag);
+        const unsigned char* place = octets.data();
+        // On failure it frees what it was given.
+        ScopedX509 certificate(d2i_X509(&decoded, &place, static_cast<long>(octets.size())));
         if (!certificate)
             return Failure{errSecDecode};
         Bytes der = derOf(certificate.get());
@@ -429,7 +441,7 @@ Result<ScopedPKCS12> decodeBundle(Span data)
         return Failure{errSecDataTooLarge};
     if (!looksLikeBundle(data))
         return Failure{errSecUnknownFormat};
-    PKCS12* decoded = PKCS12_init_ex(NID_pkcs7_data, LibraryContext::get(), nullptr);
+    PKCS12* decoded = PKCS12_init_ex(NID_pkcs7_data, libraryContext(), nullptr);
     if (!decoded)
         return Failure{errSecAllocate};
     const unsigned char* place = data.data();
@@ -455,7 +467,7 @@ Result<Seal> checkSeal(PKCS12* bundle, const char* passphrase, int length, Budge
     PKCS12_get0_mac(nullptr, &algorithm, nullptr, &iterations, bundle);
     if (const auto paid = budget.pay(iterations ? iterationCost(iterations) : Cost(1)); !paid)
         return paid.failure();
-    const ScopedEVP_MD digest(EVP_MD_fetch(LibraryContext::get(), OBJ_nid2sn(algorithmId(algorithm)), nullptr));
+    const ScopedEVP_MD digest(EVP_MD_fetch(libraryContext(), OBJ_nid2sn(algorithmId(algorithm)), nullptr));
     if (!digest)
         return Failure{errSecUnsupportedKeyFormat};
     return PKCS12_verify_mac(bundle, passphrase, length) == 1 ? Seal::intact : Seal::broken;
@@ -600,27 +612,8 @@ bool isSound(EVP_PKEY* source, const PrivateKey& key)
 {
     if (key.kind == PrivateKey::Kind::rsa)
         return fitTogether(key);
-    const ScopedEVP_PKEY_CTX context(EVP_PKEY_CTX_new_from_pkey(LibraryContext::get(), source, nullptr));
+    const ScopedEVP_PKEY_CTX context(EVP_PKEY_CTX_new_from_pkey(libraryContext(), source, nullptr));
     return context && EVP_PKEY_check(context.get()) == 1;
-}
-
-/// Whether what the private key signs is what the certificate's public key verifies.
-bool signsFor(EVP_PKEY* privateKey, const X509* certificate)
-{
-    constexpr std::array<std::uint8_t, 16> message = {};
-    const ScopedEVP_MD_CTX signing(EVP_MD_CTX_new());
-    std::size_t length = 0;
-    if (EVP_DigestSignInit_ex(signing.get(), nullptr, "SHA256", LibraryContext::get(), nullptr, privateKey, nullptr)
-            != 1
-        || EVP_DigestSign(signing.get(), nullptr, &length, message.data(), message.size()) != 1)
-        return false;
-    Bytes signature(length);
-    if (EVP_DigestSign(signing.get(), signature.data(), &length, message.data(), message.size()) != 1)
-        return false;
-    const ScopedEVP_MD_CTX verifying(EVP_MD_CTX_new());
-    EVP_PKEY* const publicKey = X509_get0_pubkey(certificate);
-    return EVP_DigestVerifyInit_ex(verifying.get(), nullptr, "SHA256", nullptr, nullptr, publicKey, nullptr) == 1
-        && EVP_DigestVerify(verifying.get(), signature.data(), length, message.data(), message.size()) == 1;
 }
 
 // --- Putting the bundle together ---
@@ -691,8 +684,6 @@ Result<Bundle> assemble(Contents contents)
     const auto* leaf = findLeaf(contents);
     if (!leaf)
         return Failure{errSecNoCertificate};
-    if (!signsFor(first.key.get(), leaf->x509.get()))
-        return Failure{errSecDecode};
     const CertificateFields& fields = leaf->fields;
     bundle.leaf = {leaf->der, labelOf(leaf->friendlyName.empty() ? first.friendlyName : leaf->friendlyName, fields)};
     bundle.key.id.assign(fields.keyId.begin(), fields.keyId.end());

@@ -1,0 +1,17 @@
+// OpenSSL, apart from what the rest of the process does with it.
+#pragma once
+
+#include "Security/ScopedOpenSSL.h"
+
+namespace kf {
+
+/// A library context of its own, never freed: programs differ in the providers that they load, and in the settings that
+/// they read. One for everything that can take it, for setting up a second one takes longer than most work with it.
+/// Any thread.
+OSSL_LIB_CTX* libraryContext();
+
+/// Has the context know the algorithms of old bundles too (RC2 and single DES). They come from a module of their own,
+/// which most bundles do without. Any thread.
+void addOldAlgorithms();
+
+} // namespace kf
