@@ -13,9 +13,11 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QFile>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <unistd.h>
 
 namespace kf {
@@ -70,8 +72,11 @@ int runWindow(const CommandLine& line, char* program)
 
 QString defaultBundlePath()
 {
-    return QDir::cleanPath(
-        QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
+    // Qt knows the program's folder only once its application is made.
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return QDir::cleanPath(QFile::decodeName(program.parent_path().c_str())
+        + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
 }
 
 std::string authorityFile(const QString& bundlePath)

@@ -16,6 +16,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <future>
 #include <string.h>
 
 namespace kf {
@@ -108,18 +109,17 @@ Outcome runPage(const CommandLine& line, std::unique_ptr<KFWizardPane> made, Inp
     return outcome;
 }
 
-Outcome runWithInputs(const CommandLine& line, Inputs& inputs, BatchPresenter& presenter, BatchReport& report)
+Outcome runWithInputs(const CommandLine& line, Inputs& inputs, const BundleRequest& request,
+    std::future<BundleLook> look, BatchPresenter& presenter, BatchReport& report)
 {
     PlugIn plugIn(bundlePathOf(line));
     std::unique_ptr<KFWizardPane> pane = plugIn.createPane();
     if (!pane)
         return fail(report, exitNoPage, plugIn.reason().toStdString());
-    const BundleRequest request{
-        line.login, line.pkcs12File, bytesOf(inputs.passphrase), shippedAuthority(plugIn.bundlePath())};
-    const BundleCheck check = checkBundle(inputs.pkcs12, request);
+    const BundleCheck check = checkBundle(look.get(), request);
     if (line.dryRun)
         return {reportDryRun(check, request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
-    for (const QString& warning : check.isGood() ? check.warnings : impostorWarnings(request.authority))
+    for (const QString& warning : check.warnings)
         report.warning(warning);
     // The page deletes before it imports: what is old must not go for a bundle that cannot take its place.
     if (line.deleteOld && !check.isGood()) {
@@ -169,6 +169,12 @@ int runBatch(const CommandLine& line, char* program)
     if (!inputs)
         return report.finish(outcome.status, false, line.dryRun);
 
+    // Beside Qt's start, which takes as long.
+    const BundleRequest request{
+        line.login, line.pkcs12File, bytesOf(inputs->passphrase), shippedAuthority(bundlePathOf(line))};
+    std::future<BundleLook> look =
+        std::async(std::launch::async, [&request, base64 = inputs->pkcs12] { return lookAtBundle(base64, request); });
+
     qInstallMessageHandler(tellTrouble);
     // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows any.
     qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
@@ -179,7 +185,7 @@ int runBatch(const CommandLine& line, char* program)
     BatchPresenter presenter(report, line.deleteOld, std::exchange(inputs->keychainPassphrase, std::nullopt));
     const PresenterScope scope(&presenter);
     const NSLogObserver log([&](const std::string& text) { report.logged(text); });
-    outcome = runWithInputs(line, *inputs, presenter, report);
+    outcome = runWithInputs(line, *inputs, request, std::move(look), presenter, report);
     forgetInspectedBundle();
     return report.finish(outcome.status, outcome.installed, line.dryRun);
 }

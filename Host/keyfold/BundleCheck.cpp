@@ -101,7 +101,17 @@ QStringList warningsAbout(const BundleInspection& certificate, const BundleReque
         warnings += translate("The file also holds an authority that calls itself “%1” and is not the one that this "
                               "program brings along. Ask the help desk before you go on.")
                         .arg(nameOf(request.authority));
-    warnings += impostorWarnings(request.authority);
+    return warnings;
+}
+
+/// One for each keychain.
+QStringList impostorWarnings(const std::vector<std::string>& paths, const Bytes& authority)
+{
+    QStringList warnings;
+    for (const std::string& path : paths)
+        warnings += translate("A keychain holds an authority that calls itself “%1” and is not the one that this "
+                              "program brings along: %2. It would be trusted. Ask the help desk before you go on.")
+                        .arg(nameOf(authority), QString::fromStdString(path));
     return warnings;
 }
 
@@ -109,39 +119,36 @@ QStringList warningsAbout(const BundleInspection& certificate, const BundleReque
 
 std::string emailAddressOf(const std::string& login) { return login + KEYFOLD_EMAIL_DOMAIN; }
 
-QStringList impostorWarnings(const Bytes& authority)
+BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request)
 {
-    QStringList warnings;
-    for (const std::string& path : keychainsWithImpostor(authority))
-        warnings += translate("A keychain holds an authority that calls itself “%1” and is not the one that this "
-                              "program brings along: %2. It would be trusted. Ask the help desk before you go on.")
-                        .arg(nameOf(authority), QString::fromStdString(path));
-    return warnings;
+    BundleLook look{std::move(base64), Failure{errSecUnknownFormat}, keychainsWithImpostor(request.authority)};
+    if (const auto bytes = decoded(look.base64))
+        look.certificate = inspectBundle(
+            {reinterpret_cast<const std::uint8_t*>(bytes->constData()), static_cast<std::size_t>(bytes->size())},
+            request.passphrase, request.authority);
+    return look;
+}
+
+BundleCheck checkBundle(BundleLook look, const BundleRequest& request)
+{
+    BundleCheck check;
+    if (look.certificate) {
+        check.base64 = std::move(look.base64);
+        check.certificate = std::move(*look.certificate);
+        check.warnings = warningsAbout(check.certificate, request);
+    } else {
+        check = refusal(look.certificate.status(), !request.passphrase.empty());
+    }
+    check.warnings += impostorWarnings(look.impostors, request.authority);
+    return check;
 }
 
 BundleCheck checkBundle(const BundleRequest& request)
 {
-    const auto read = readPKCS12AsBase64(request.file);
+    auto read = readPKCS12AsBase64(request.file);
     if (const auto* error = std::get_if<InputError>(&read))
         return problemAt(BundleCheck::Place::file, QString::fromStdString(error->message));
-    return checkBundle(std::get<Ref<NSString>>(read), request);
-}
-
-BundleCheck checkBundle(Ref<NSString> base64, const BundleRequest& request)
-{
-    BundleCheck check;
-    check.base64 = std::move(base64);
-    const auto bytes = decoded(check.base64);
-    if (!bytes)
-        return refusal(errSecUnknownFormat, false);
-    auto certificate = inspectBundle(
-        {reinterpret_cast<const std::uint8_t*>(bytes->constData()), static_cast<std::size_t>(bytes->size())},
-        request.passphrase, request.authority);
-    if (!certificate)
-        return refusal(certificate.status(), !request.passphrase.empty());
-    check.certificate = std::move(*certificate);
-    check.warnings = warningsAbout(check.certificate, request);
-    return check;
+    return checkBundle(lookAtBundle(std::move(std::get<Ref<NSString>>(read)), request), request);
 }
 
 QString describeCertificate(const BundleInspection& certificate)

@@ -16,16 +16,23 @@ struct BundleRequest {
     Bytes authority;        ///< DER of the institution's authority
 };
 
+/// What a look at a bundle and at the keychains finds, not yet in words.
+struct BundleLook {
+    Ref<NSString> base64; ///< what was looked at
+    Result<BundleInspection> certificate;
+    std::vector<std::string> impostors; ///< keychains with another authority of the institution's name
+};
+
 struct BundleCheck {
     enum class Place { none, file, passphrase };
     Place place = Place::none; ///< where the problem lies; none: the bundle can be installed
     QString problem;           ///< in words for the person
     OSStatus status = errSecSuccess;
+    QStringList warnings; ///< what the person should know before going on
 
     // Of a bundle that can be installed:
     Ref<NSString> base64; ///< what was checked
     BundleInspection certificate;
-    QStringList warnings; ///< what the person should know before going on
 
     bool isGood() const noexcept { return place == Place::none; }
 };
@@ -33,15 +40,16 @@ struct BundleCheck {
 /// The address that the build's e-mail domain gives a login name.
 std::string emailAddressOf(const std::string& login);
 
-/// Reads the file, opens the bundle and looks at its certificates and at the keychains'; changes nothing. Takes
-/// seconds where the bundle's iteration counts are high. Any thread.
+/// Opens a bundle that was read already (base64; the request's file is not looked at) and looks at its certificates and
+/// at the keychains'; changes nothing. Takes seconds where the bundle's iteration counts are high. Any thread, and
+/// before Qt's application is made.
+BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request);
+
+/// What is to be said of it.
+BundleCheck checkBundle(BundleLook look, const BundleRequest& request);
+
+/// Reads the request's file, looks and checks. Any thread.
 BundleCheck checkBundle(const BundleRequest& request);
-
-/// The same of a bundle that was read already (base64); the request's file is not looked at.
-BundleCheck checkBundle(Ref<NSString> base64, const BundleRequest& request);
-
-/// One warning for each keychain that holds another authority of the institution's name; `authority` is DER.
-QStringList impostorWarnings(const Bytes& authority);
 
 /// A certificate's name, issuer and time of validity, in lines.
 QString describeCertificate(const BundleInspection& certificate);

@@ -29,8 +29,10 @@ Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std
     std::span<const std::uint8_t> authority)
 {
     auto bundle = readOnce(pkcs12, passphrase);
-    if (!bundle)
+    if (!bundle) {
+        keychain::keepBundle(pkcs12, passphrase, bundle.failure());
         return bundle.failure();
+    }
     auto leaf = readCertificateFields(bundle->leaf.der);
     if (!leaf)
         return leaf.failure();

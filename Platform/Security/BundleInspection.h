@@ -18,7 +18,7 @@ struct BundleInspection {
 };
 
 /// Reads a bundle with the import's own code and writes nothing. `passphrase` is UTF-8; `authority` is the DER of the
-/// institution's authority. Takes seconds where the bundle's iteration counts are high; what was read of the last good
+/// institution's authority. Takes seconds where the bundle's iteration counts are high; what was read of the last
 /// bundle, its key too, stays in memory until it is imported or forgotten, so that the import does not take them again.
 /// Any thread. Errors: those of SecKeychainItemImport.
 Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase,

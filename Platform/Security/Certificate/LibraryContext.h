@@ -3,6 +3,9 @@
 
 #include "Security/ScopedOpenSSL.h"
 
+#include <cstdint>
+#include <span>
+
 namespace kf {
 
 /// A library context of its own, never freed: programs differ in the providers that they load, and in the settings that
@@ -13,5 +16,8 @@ OSSL_LIB_CTX* libraryContext();
 /// Has the context know the algorithms of old bundles too (RC2 and single DES). They come from a module of their own,
 /// which most bundles do without. Any thread.
 void addOldAlgorithms();
+
+/// A certificate decoded in that context, whatever its extensions say; null where the bytes begin with none. Any thread.
+ScopedX509 decodeCertificate(std::span<const std::uint8_t> der);
 
 } // namespace kf

@@ -10,7 +10,7 @@ namespace {
 struct Kept {
     Digest data{};
     SecretBytes passphrase;
-    Bundle bundle;
+    Result<Bundle> bundle;
 };
 
 struct Place {
@@ -35,12 +35,13 @@ Place& place()
 
 } // namespace
 
-void keepBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase, Bundle bundle)
+void keepBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase, Result<Bundle> bundle)
 {
     place().exchange(Kept{sha256(data), {passphrase.begin(), passphrase.end()}, std::move(bundle)});
 }
 
-std::optional<Bundle> takeKeptBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase)
+std::optional<Result<Bundle>> takeKeptBundle(
+    std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase)
 {
     auto kept = place().exchange(std::nullopt);
     if (!kept || kept->data != sha256(data) || !std::ranges::equal(kept->passphrase, passphrase))

@@ -372,11 +372,7 @@ private:
             return {};
         if (contents_.certificates.size() == mostBundleCertificates)
             return Failure{errSecDataTooLarge};
-        X509* decoded = X509_new_ex(libraryContext(), nullptr);
-        const Bytes octets = certificateIn(bag);
-        const unsigned char* place = octets.data();
-        // On failure it frees what it was given.
-        ScopedX509 certificate(d2i_X509(&decoded, &place, static_cast<long>(octets.size())));
+        ScopedX509 certificate = decodeCertificate(certificateIn(bag));
         if (!certificate)
             return Failure{errSecDecode};
         Bytes der = derOf(certificate.get());

@@ -1,7 +1,7 @@
 #include "Security/Trust/Evaluation.h"
 
+#include "Security/Certificate/LibraryContext.h"
 #include "Security/Keychain/Index.h"
-#include "Security/ScopedOpenSSL.h"
 #include "Security/Trust/DistributionStore.h"
 
 #include <algorithm>
@@ -23,12 +23,6 @@ struct Candidate {
     TrustLevel level = TrustLevel::unspecified; ///< by settings, of all keychains together
     bool inDistributionStore = false;
 };
-
-ScopedX509 parse(const Bytes& der)
-{
-    const unsigned char* position = der.data();
-    return ScopedX509(d2i_X509(nullptr, &position, static_cast<long>(der.size())));
-}
 
 std::vector<SecKeychainRef> keychains()
 {
@@ -84,7 +78,7 @@ private:
             known->inDistributionStore |= inDistributionStore;
             return true;
         }
-        ScopedX509 x509 = parse(certificate->der);
+        ScopedX509 x509 = decodeCertificate(certificate->der);
         if (!certificate->fields || !x509)
             return false;
         candidates_.push_back({certificate, std::move(x509), settingOf(*certificate), inDistributionStore});
@@ -134,7 +128,7 @@ private:
     {
         const auto named = certificatesNamed(candidates_[index].certificate->fields->issuer);
         const auto signedBy = [&](const Issuer& issuer) {
-            const ScopedX509 x509 = parse(issuer.certificate->der);
+            const ScopedX509 x509 = decodeCertificate(issuer.certificate->der);
             EVP_PKEY* key = x509 ? X509_get0_pubkey(x509.get()) : nullptr;
             return key && X509_verify(candidates_[index].x509.get(), key) == 1;
         };
@@ -194,7 +188,7 @@ Result<Verdict> verify(const ChainMaterial& material, const std::vector<const Ca
     constexpr Failure failure{errSecInternalComponent};
     const ScopedX509_STORE store(X509_STORE_new());
     const ScopedX509Stack others(sk_X509_new_null());
-    const ScopedX509_STORE_CTX context(X509_STORE_CTX_new());
+    const ScopedX509_STORE_CTX context(X509_STORE_CTX_new_ex(libraryContext(), nullptr));
     if (!store || !others || !context)
         return failure;
     for (const Candidate* anchor : anchors) {
