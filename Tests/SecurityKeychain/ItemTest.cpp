@@ -259,7 +259,7 @@ INSTANTIATE_TEST_SUITE_P(AtEveryStep, FailingImport,
         Fault{"Lookup", Operation::containsPrivateKey, 1}, Fault{"Lookup2", Operation::containsCertificate, 2},
         Fault{"Declaration", Operation::declare, 1}, Fault{"Key", Operation::addPrivateKey, 1},
         Fault{"Leaf", Operation::addCertificate, 1}, Fault{"Chain", Operation::addCertificate, 2},
-        Fault{"NoteOfLeaf", Operation::note, 1}, Fault{"NoteOfKey", Operation::note, 3},
+        Fault{"NoteOfLeaf", Operation::note, 1}, Fault{"NoteOfIssuer", Operation::note, 2},
         Fault{"Finish", Operation::finish, 1}),
     [](const testing::TestParamInfo<Fault>& parameter) { return std::string(parameter.param.name); });
 

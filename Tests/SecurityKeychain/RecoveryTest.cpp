@@ -611,7 +611,7 @@ TEST_F(CreateAll, AnObjectNamedTwiceIsMadeOnce)
 
 TEST_F(CreateAll, ANoteThatCannotBeWrittenUndoesTheObject)
 {
-    faults_->arm(Operation::note, 2, errSecIO);
+    faults_->arm(Operation::note, 1, errSecIO);
     EXPECT_EQ(create({creationOf(leaf_), creationOf(root_)}).status(), errSecIO);
     EXPECT_TRUE(faults_->fired());
     EXPECT_THAT(contents(), IsEmpty());

@@ -247,8 +247,6 @@ Status IntentFile::declare(Intent::Purpose purpose, const std::vector<ObjectName
 
 Status IntentFile::note(const ObjectName& object, Intent::Progress progress)
 {
-    if (const auto synced = syncDirectory(); !synced)
-        return synced;
     return append(std::string(nameOf(progressNames, progress)) + ' ' + lineOf(object));
 }
 

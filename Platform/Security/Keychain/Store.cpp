@@ -157,7 +157,8 @@ Status declare(WriteTurn& turn, Intent::Purpose purpose, const std::vector<Objec
     return declared;
 }
 
-/// Makes the objects of `intent` and keeps it and the turn's record true.
+/// Makes the objects of `intent` and keeps it and the turn's record true. What became of the last one needs no note:
+/// with it all is there, and finishing says so.
 Status makeAll(WriteTurn& turn, const std::vector<const Creation*>& missing, Intent& intent)
 {
     for (std::size_t position = 0; position < missing.size(); ++position) {
@@ -166,6 +167,8 @@ Status makeAll(WriteTurn& turn, const std::vector<const Creation*>& missing, Int
             return made;
         auto& object = intent.objects[position];
         object.progress = made ? Intent::Progress::made : Intent::Progress::found;
+        if (position + 1 == missing.size())
+            break;
         if (const auto noted = turn.note(object.name, object.progress); !noted)
             return noted;
     }
@@ -300,6 +303,8 @@ Status createAll(Database& database, WriteTurn& turn, const std::vector<Creation
     if (status)
         return status;
     // Where undoing fails too, the record stays and the next writer undoes it.
+    if (const auto& last = intent.objects.back(); last.progress != Intent::Progress::intended)
+        static_cast<void>(turn.note(last.name, last.progress));
     static_cast<void>(turn.withdraw());
     if (undoMaking(database, intent))
         static_cast<void>(turn.finish());
