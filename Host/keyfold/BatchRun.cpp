@@ -116,7 +116,7 @@ Outcome runWithInputs(const CommandLine& line, Inputs& inputs, const BundleReque
     std::unique_ptr<KFWizardPane> pane = plugIn.createPane();
     if (!pane)
         return fail(report, exitNoPage, plugIn.reason().toStdString());
-    const BundleCheck check = checkBundle(look.get(), request);
+    const BundleCheck check = checkBundle(std::move(look), request);
     if (line.dryRun)
         return {reportDryRun(check, request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
     for (const QString& warning : check.warnings)
@@ -169,7 +169,7 @@ int runBatch(const CommandLine& line, char* program)
     if (!inputs)
         return report.finish(outcome.status, false, line.dryRun);
 
-    // Beside Qt's start, which takes as long.
+    // Beside Qt's start, which takes as long. The keychains wait: their libraries, too, are loaded one after the other.
     const BundleRequest request{
         line.login, line.pkcs12File, bytesOf(inputs->passphrase), shippedAuthority(bundlePathOf(line))};
     std::future<BundleLook> look =

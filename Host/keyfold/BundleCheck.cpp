@@ -105,10 +105,10 @@ QStringList warningsAbout(const BundleInspection& certificate, const BundleReque
 }
 
 /// One for each keychain.
-QStringList impostorWarnings(const std::vector<std::string>& paths, const Bytes& authority)
+QStringList impostorWarnings(const Bytes& authority)
 {
     QStringList warnings;
-    for (const std::string& path : paths)
+    for (const std::string& path : keychainsWithImpostor(authority))
         warnings += translate("A keychain holds an authority that calls itself “%1” and is not the one that this "
                               "program brings along: %2. It would be trusted. Ask the help desk before you go on.")
                         .arg(nameOf(authority), QString::fromStdString(path));
@@ -121,7 +121,7 @@ std::string emailAddressOf(const std::string& login) { return login + KEYFOLD_EM
 
 BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request)
 {
-    BundleLook look{std::move(base64), Failure{errSecUnknownFormat}, keychainsWithImpostor(request.authority)};
+    BundleLook look{std::move(base64), Failure{errSecUnknownFormat}};
     if (const auto bytes = decoded(look.base64))
         look.certificate = inspectBundle(
             {reinterpret_cast<const std::uint8_t*>(bytes->constData()), static_cast<std::size_t>(bytes->size())},
@@ -129,8 +129,10 @@ BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request)
     return look;
 }
 
-BundleCheck checkBundle(BundleLook look, const BundleRequest& request)
+BundleCheck checkBundle(std::future<BundleLook> pending, const BundleRequest& request)
 {
+    const QStringList impostors = impostorWarnings(request.authority);
+    BundleLook look = pending.get();
     BundleCheck check;
     if (look.certificate) {
         check.base64 = std::move(look.base64);
@@ -139,7 +141,7 @@ BundleCheck checkBundle(BundleLook look, const BundleRequest& request)
     } else {
         check = refusal(look.certificate.status(), !request.passphrase.empty());
     }
-    check.warnings += impostorWarnings(look.impostors, request.authority);
+    check.warnings += impostors;
     return check;
 }
 
@@ -148,7 +150,10 @@ BundleCheck checkBundle(const BundleRequest& request)
     auto read = readPKCS12AsBase64(request.file);
     if (const auto* error = std::get_if<InputError>(&read))
         return problemAt(BundleCheck::Place::file, QString::fromStdString(error->message));
-    return checkBundle(lookAtBundle(std::move(std::get<Ref<NSString>>(read)), request), request);
+    return checkBundle(
+        std::async(std::launch::deferred,
+            [&] { return lookAtBundle(std::move(std::get<Ref<NSString>>(read)), request); }),
+        request);
 }
 
 QString describeCertificate(const BundleInspection& certificate)

@@ -7,6 +7,8 @@
 
 #include <QStringList>
 
+#include <future>
+
 namespace kf {
 
 struct BundleRequest {
@@ -16,11 +18,10 @@ struct BundleRequest {
     Bytes authority;        ///< DER of the institution's authority
 };
 
-/// What a look at a bundle and at the keychains finds, not yet in words.
+/// What a look at a bundle finds, not yet in words.
 struct BundleLook {
     Ref<NSString> base64; ///< what was looked at
     Result<BundleInspection> certificate;
-    std::vector<std::string> impostors; ///< keychains with another authority of the institution's name
 };
 
 struct BundleCheck {
@@ -40,13 +41,13 @@ struct BundleCheck {
 /// The address that the build's e-mail domain gives a login name.
 std::string emailAddressOf(const std::string& login);
 
-/// Opens a bundle that was read already (base64; the request's file is not looked at) and looks at its certificates and
-/// at the keychains'; changes nothing. Takes seconds where the bundle's iteration counts are high. Any thread, and
-/// before Qt's application is made.
+/// Opens a bundle that was read already (base64; the request's file is not looked at) and looks at its certificates;
+/// changes nothing. Takes seconds where the bundle's iteration counts are high. Any thread, and before Qt's application
+/// is made.
 BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request);
 
-/// What is to be said of it.
-BundleCheck checkBundle(BundleLook look, const BundleRequest& request);
+/// What is to be said of it, and of other authorities of the institution's name in the keychains. `look` is waited for.
+BundleCheck checkBundle(std::future<BundleLook> look, const BundleRequest& request);
 
 /// Reads the request's file, looks and checks. Any thread.
 BundleCheck checkBundle(const BundleRequest& request);
