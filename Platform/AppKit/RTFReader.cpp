@@ -143,6 +143,8 @@ private:
 
 void Reader::read()
 {
+    // The view lays the text out once, not at each piece.
+    cursor_.beginEditBlock();
     while (at_ < text_.size()) {
         const char c = text_[at_++];
         switch (c) {
@@ -165,6 +167,7 @@ void Reader::read()
     }
     flushText();
     applyParagraph();
+    cursor_.endEditBlock();
 }
 
 void Reader::openGroup()

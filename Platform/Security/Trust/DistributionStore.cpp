@@ -1,6 +1,7 @@
 #include "Security/Trust/DistributionStore.h"
 
-#include "Security/ScopedOpenSSL.h"
+#include "Security/Certificate/DERReader.h"
+#include "Security/Certificate/LibraryContext.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -20,7 +21,7 @@ std::string hashOf(std::span<const std::uint8_t> subject)
     const unsigned char* position = subject.data();
     const ScopedX509_NAME name(d2i_X509_NAME(nullptr, &position, static_cast<long>(subject.size())));
     int valid = 0;
-    const unsigned long hash = name ? X509_NAME_hash_ex(name.get(), nullptr, nullptr, &valid) : 0;
+    const unsigned long hash = name ? X509_NAME_hash_ex(name.get(), libraryContext(), nullptr, &valid) : 0;
     if (valid != 1)
         return {};
     char text[9];
@@ -31,11 +32,14 @@ std::string hashOf(std::span<const std::uint8_t> subject)
 /// The first certificate of a PEM file; empty where it holds none.
 Bytes readCertificate(BIO* file)
 {
-    const ScopedX509 certificate(PEM_read_bio_X509_AUX(file, nullptr, nullptr, nullptr));
     unsigned char* bytes = nullptr;
-    const int length = certificate ? i2d_X509(certificate.get(), &bytes) : -1;
+    long length = 0;
+    if (PEM_bytes_read_bio(&bytes, &length, nullptr, PEM_STRING_X509_TRUSTED, file, nullptr, nullptr) != 1)
+        return {};
     const ScopedOpenSSLBytes owner(bytes);
-    return length > 0 ? Bytes(bytes, bytes + length) : Bytes();
+    // What OpenSSL calls a trusted certificate has more behind it.
+    const auto certificate = DERReader({bytes, static_cast<std::size_t>(length)}).next(der::sequence);
+    return certificate ? Bytes(certificate->whole.begin(), certificate->whole.end()) : Bytes();
 }
 
 std::mutex mutex;

@@ -70,11 +70,17 @@ public:
     const Candidate& leaf() const noexcept { return candidates_.front(); }
 
 private:
-    bool add(const SharedCertificate& certificate, bool inDistributionStore)
+    /// Null where it is none yet.
+    Candidate* candidateOf(const ParsedCertificate& certificate)
     {
         const auto known = std::ranges::find_if(candidates_,
-            [&](const Candidate& candidate) { return candidate.certificate->digest == certificate->digest; });
-        if (known != candidates_.end()) {
+            [&](const Candidate& candidate) { return candidate.certificate->digest == certificate.digest; });
+        return known == candidates_.end() ? nullptr : &*known;
+    }
+
+    bool add(const SharedCertificate& certificate, bool inDistributionStore)
+    {
+        if (Candidate* const known = candidateOf(*certificate)) {
             known->inDistributionStore |= inDistributionStore;
             return true;
         }
@@ -128,8 +134,10 @@ private:
     {
         const auto named = certificatesNamed(candidates_[index].certificate->fields->issuer);
         const auto signedBy = [&](const Issuer& issuer) {
-            const ScopedX509 x509 = decodeCertificate(issuer.certificate->der);
-            EVP_PKEY* key = x509 ? X509_get0_pubkey(x509.get()) : nullptr;
+            const Candidate* const known = candidateOf(*issuer.certificate);
+            const ScopedX509 decoded = known ? nullptr : decodeCertificate(issuer.certificate->der);
+            const X509* const x509 = known ? known->x509.get() : decoded.get();
+            EVP_PKEY* key = x509 ? X509_get0_pubkey(x509) : nullptr;
             return key && X509_verify(candidates_[index].x509.get(), key) == 1;
         };
         bool found = false;
