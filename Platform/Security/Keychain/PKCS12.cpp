@@ -39,7 +39,8 @@ struct Contents {
     struct Certificate {
         Bytes der;
         CertificateFields fields; ///< points into the bytes, which stay where they are when this is moved
-        ScopedX509 x509;
+        ScopedX509_NAME subject;
+        ScopedX509_NAME issuer;
         Bytes localId;
         std::string friendlyName;
     };
@@ -205,8 +206,8 @@ std::string friendlyNameOf(const PKCS12_SAFEBAG* bag)
     return text && NSString::stringWithUTF8String(text.get()) ? std::string(text.get()) : std::string();
 }
 
-/// The bytes of the certificate in a bag; empty where there are none. OpenSSL's own call for this decodes them in the
-/// context of the rest of the process.
+/// The bytes of the certificate in a bag; empty where there are none. OpenSSL's own call for this decodes the public key
+/// too, in the context of the rest of the process: for each certificate of a chain more work than all else with it.
 Bytes certificateIn(const PKCS12_SAFEBAG* bag)
 {
     unsigned char* encoded = nullptr;
@@ -226,17 +227,15 @@ Bytes certificateIn(const PKCS12_SAFEBAG* bag)
         if (value)
             value = DERReader(value->content).next(inside);
     }
-    return value ? Bytes(value->content.begin(), value->content.end()) : Bytes();
+    // What may stand behind the certificate is not its own.
+    const auto certificate = value ? DERReader(value->content).next(der::sequence) : std::nullopt;
+    return certificate ? Bytes(certificate->whole.begin(), certificate->whole.end()) : Bytes();
 }
 
-Bytes derOf(const X509* certificate)
+ScopedX509_NAME decodeName(Span der)
 {
-    const int length = i2d_X509(certificate, nullptr);
-    Bytes der(length > 0 ? static_cast<std::size_t>(length) : 0);
-    unsigned char* place = der.data();
-    if (length > 0)
-        i2d_X509(certificate, &place);
-    return der;
+    const unsigned char* place = der.data();
+    return ScopedX509_NAME(d2i_X509_NAME(nullptr, &place, static_cast<long>(der.size())));
 }
 
 bool isKnownCurve(int curve)
@@ -372,15 +371,16 @@ private:
             return {};
         if (contents_.certificates.size() == mostBundleCertificates)
             return Failure{errSecDataTooLarge};
-        ScopedX509 certificate = decodeCertificate(certificateIn(bag));
-        if (!certificate)
-            return Failure{errSecDecode};
-        Bytes der = derOf(certificate.get());
+        Bytes der = certificateIn(bag);
         auto fields = readCertificateFields(der);
         if (!fields)
             return Failure{errSecDecode};
-        contents_.certificates.push_back(
-            {std::move(der), std::move(*fields), std::move(certificate), localIdOf(bag), friendlyNameOf(bag)});
+        auto subject = decodeName(fields->subject);
+        auto issuer = decodeName(fields->issuer);
+        if (!subject || !issuer)
+            return Failure{errSecDecode};
+        contents_.certificates.push_back({std::move(der), std::move(*fields), std::move(subject), std::move(issuer),
+            localIdOf(bag), friendlyNameOf(bag)});
         return {};
     }
 
@@ -614,14 +614,29 @@ bool isSound(EVP_PKEY* source, const PrivateKey& key)
 
 // --- Putting the bundle together ---
 
+/// errSecDecode where the certificate is damaged.
+Result<bool> isOfKey(const Contents::Certificate& certificate, const EVP_PKEY* key, const PrivateKey& taken)
+{
+    // A modulus has one encoding, a point of a curve has several. Decoding is what takes time.
+    if (taken.kind == PrivateKey::Kind::rsa && certificate.fields.keyId != sha1(taken.publicValue))
+        return false;
+    const ScopedX509 decoded = decodeCertificate(certificate.der);
+    if (!decoded)
+        return Failure{errSecDecode};
+    const EVP_PKEY* const publicKey = X509_get0_pubkey(decoded.get());
+    return publicKey && EVP_PKEY_eq(publicKey, key) == 1;
+}
+
 /// The certificate of the key; the one that the bundle itself ties to it, where several fit.
-const Contents::Certificate* findLeaf(const Contents& contents)
+Result<const Contents::Certificate*> findLeaf(const Contents& contents, const PrivateKey& taken)
 {
     const Contents::Key& key = contents.keys.front();
     const Contents::Certificate* leaf = nullptr;
     for (const auto& certificate : contents.certificates) {
-        const EVP_PKEY* const publicKey = X509_get0_pubkey(certificate.x509.get());
-        if (!publicKey || EVP_PKEY_eq(publicKey, key.key.get()) != 1)
+        const auto isOurs = isOfKey(certificate, key.key.get(), taken);
+        if (!isOurs)
+            return isOurs.failure();
+        if (!*isOurs)
             continue;
         const bool isTied = !key.localId.empty() && certificate.localId == key.localId;
         if (isTied || !leaf)
@@ -629,6 +644,8 @@ const Contents::Certificate* findLeaf(const Contents& contents)
         if (isTied)
             break;
     }
+    if (!leaf)
+        return Failure{errSecNoCertificate};
     return leaf;
 }
 
@@ -648,14 +665,14 @@ std::vector<BundleCertificate> chainOf(const Contents& contents, const Contents:
     std::set<Digest> seen = {sha256(leaf.der)};
     for (const auto& certificate : contents.certificates)
         if (seen.insert(sha256(certificate.der)).second)
-            bySubject.emplace(X509_get_subject_name(certificate.x509.get()), rest.insert(rest.end(), &certificate));
+            bySubject.emplace(certificate.subject.get(), rest.insert(rest.end(), &certificate));
     std::vector<BundleCertificate> chain;
     const Contents::Certificate* below = &leaf;
     while (!rest.empty()) {
         // Of several with one name, the first in the bundle.
-        auto [next, last] = bySubject.equal_range(X509_get_issuer_name(below->x509.get()));
+        auto [next, last] = bySubject.equal_range(below->issuer.get());
         if (next == last)
-            next = bySubject.lower_bound(X509_get_subject_name(rest.front()->x509.get()));
+            next = bySubject.lower_bound(rest.front()->subject.get());
         below = *next->second;
         chain.push_back({below->der, labelOf(below->friendlyName, below->fields)});
         rest.erase(next->second);
@@ -677,9 +694,10 @@ Result<Bundle> assemble(Contents contents)
         return taken.failure();
     if (!isSound(first.key.get(), bundle.key))
         return Failure{errSecDecode};
-    const auto* leaf = findLeaf(contents);
-    if (!leaf)
-        return Failure{errSecNoCertificate};
+    const auto found = findLeaf(contents, bundle.key);
+    if (!found)
+        return found.failure();
+    const Contents::Certificate* const leaf = *found;
     const CertificateFields& fields = leaf->fields;
     bundle.leaf = {leaf->der, labelOf(leaf->friendlyName.empty() ? first.friendlyName : leaf->friendlyName, fields)};
     bundle.key.id.assign(fields.keyId.begin(), fields.keyId.end());
