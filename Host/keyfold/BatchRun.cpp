@@ -17,7 +17,10 @@
 #include <csignal>
 #include <cstdio>
 #include <future>
+#include <pthread.h>
+#include <sched.h>
 #include <string.h>
+#include <thread>
 
 namespace kf {
 
@@ -57,6 +60,17 @@ struct Outcome {
     int status = exitInstalled;
     bool installed = false;
 };
+
+// Some kernels leave a new thread waiting behind the one that made it, for milliseconds, with a processor idle beside them.
+void keepOffThisProcessor(std::jthread& thread)
+{
+    cpu_set_t processors;
+    const int here = sched_getcpu();
+    if (here < 0 || sched_getaffinity(0, sizeof processors, &processors) != 0 || CPU_COUNT(&processors) < 2)
+        return;
+    CPU_CLR(static_cast<std::size_t>(here), &processors);
+    pthread_setaffinity_np(thread.native_handle(), sizeof processors, &processors);
+}
 
 Outcome fail(BatchReport& report, int status, const std::string& message)
 {
@@ -172,8 +186,10 @@ int runBatch(const CommandLine& line, char* program)
     // Beside Qt's start, which takes as long. The keychains wait: their libraries, too, are loaded one after the other.
     const BundleRequest request{
         line.login, line.pkcs12File, bytesOf(inputs->passphrase), shippedAuthority(bundlePathOf(line))};
-    std::future<BundleLook> look =
-        std::async(std::launch::async, [&request, base64 = inputs->pkcs12] { return lookAtBundle(base64, request); });
+    std::packaged_task<BundleLook()> task([&, base64 = inputs->pkcs12] { return lookAtBundle(base64, request); });
+    std::future<BundleLook> look = task.get_future();
+    std::jthread looking(std::move(task));
+    keepOffThisProcessor(looking);
 
     qInstallMessageHandler(tellTrouble);
     // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows any.
