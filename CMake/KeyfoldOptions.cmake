@@ -11,8 +11,7 @@ target_compile_options(keyfold_settings INTERFACE
   # g++ 12 warns of std::string's own code where it optimises (GCC bug 105651).
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
 target_compile_definitions(keyfold_settings INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
-# A library's calls of its own functions are settled when it is linked, not looked up each time a program starts.
-target_link_options(keyfold_settings INTERFACE -Wl,-z,relro,-z,now,-Bsymbolic-functions)
+target_link_options(keyfold_settings INTERFACE -Wl,-z,relro,-z,now)
 if(KEYFOLD_SANITIZE)
   target_compile_options(keyfold_settings INTERFACE -fsanitize=${KEYFOLD_SANITIZE} -fno-omit-frame-pointer
                          -fno-sanitize-recover=all
