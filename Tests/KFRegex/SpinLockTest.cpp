@@ -89,6 +89,8 @@ class SpinLock : public testing::Test {
 protected:
     void SetUp() override
     {
+        static const Unlocking first = unlocking;
+        atStart = first;
         unlocking = unsettled;
         kernel.refusesToRegister = kernel.refusesBarriers = false;
         kernel.isRegistered = true;
@@ -136,7 +138,20 @@ protected:
     }
 
     OSSpinLock lock = OS_SPINLOCK_INIT;
+    Unlocking atStart = unsettled; ///< of the process
 };
+
+TEST_F(SpinLock, IsSettledWhenTheProcessBegins) { EXPECT_EQ(atStart, byStore); }
+
+TEST_F(SpinLock, IsSettledAtItsUseWhereThreadsWereThereFirst)
+{
+    __libc_single_threaded = false;
+    settleEarly();
+    EXPECT_EQ(unlocking, unsettled) << "registering would take milliseconds, for a lock that nobody may use";
+    EXPECT_EQ(kernel.registrations, 0);
+    useOnce();
+    EXPECT_EQ(unlocking, byStore);
+}
 
 TEST_F(SpinLock, IsTakenOnceAtATime)
 {

@@ -228,6 +228,20 @@ TEST_F(TrustTest, StoreFindsTheRightOneOfSeveralWithOneName)
     EXPECT_EQ(evaluate({namesake.root()}), kSecTrustResultUnspecified);
 }
 
+TEST_F(TrustTest, StoreReadsCertificatesAsOpenSSLWritesThem)
+{
+    const auto written = store_.directory() / "written.pem";
+    for (const std::vector<std::string>& form :
+        {std::vector<std::string>{"-text"}, {"-trustout", "-addtrust", "serverAuth", "-setalias", "an alias"}}) {
+        std::vector<std::string> command = {"openssl", "x509", "-in", authority().rootFile(), "-out", written};
+        command.insert(command.end(), form.begin(), form.end());
+        mustRun(command);
+        mustRun({"openssl", "rehash", store_.directory()});
+        EXPECT_EQ(evaluate({root()}), kSecTrustResultUnspecified) << form.front();
+        EXPECT_THAT(kf::trust::distributionStore()->certificates(), testing::ElementsAre(root())) << form.front();
+    }
+}
+
 TEST_F(TrustTest, UnreadableFilesOfTheStoreAreLeftOut)
 {
     store_.add(authority().rootFile(), "root.pem");

@@ -33,6 +33,17 @@ constexpr const char* encoded = "MIIKQQIBAzCCCgcGCSqGSIb3DQEHAaCCCfgEggn0MIIJ8DC
 
 TEST_F(InputFiles, ABinaryBundleIsEncoded) { EXPECT_EQ(read("0\x82\x01 -----BEGIN \xff"), "MIIBIC0tLS0tQkVHSU4g/w=="); }
 
+TEST_F(InputFiles, AFileOfAnySizeUpToEightMebibytesIsReadWhole)
+{
+    constexpr std::size_t limit = std::size_t{8} << 20;
+    for (const std::size_t size : {std::size_t{16383}, std::size_t{16384}, std::size_t{16385}, std::size_t{100'000}, limit}) {
+        std::string text(size, 'A');
+        text.back() = 'B';
+        EXPECT_EQ(read(text), text) << size;
+    }
+    EXPECT_THAT(read(std::string(limit + 1, 'A')), EndsWith("bundle is longer than 8388608 bytes"));
+}
+
 TEST_F(InputFiles, Base64TextIsTakenAsItIs) { EXPECT_EQ(read(encoded), encoded); }
 
 TEST_F(InputFiles, OfAWrappedBundleOnlyWhatIsBetweenTheLinesIsTaken)
