@@ -75,8 +75,8 @@ QString defaultBundlePath()
     // Qt knows the program's folder only once its application is made.
     std::error_code error;
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return QDir::cleanPath(QFile::decodeName(program.parent_path().c_str())
-        + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
+    return QDir::cleanPath(
+        QFile::decodeName(program.parent_path().c_str()) + QStringLiteral("/../lib/keyfold/KFInstaller.bundle"));
 }
 
 std::string authorityFile(const QString& bundlePath)

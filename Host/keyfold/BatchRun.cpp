@@ -61,7 +61,8 @@ struct Outcome {
     bool installed = false;
 };
 
-// Some kernels leave a new thread waiting behind the one that made it, for milliseconds, with a processor idle beside them.
+// Some kernels leave a new thread waiting behind the one that made it, for milliseconds, with a processor idle beside
+// them.
 void keepOffThisProcessor(std::jthread& thread)
 {
     cpu_set_t processors;
@@ -130,7 +131,7 @@ Outcome runWithInputs(const CommandLine& line, Inputs& inputs, const BundleReque
     std::unique_ptr<KFWizardPane> pane = plugIn.createPane();
     if (!pane)
         return fail(report, exitNoPage, plugIn.reason().toStdString());
-    const BundleCheck check = checkBundle(std::move(look), request);
+    const BundleCheck check = checkBundle(look.get(), request);
     if (line.dryRun)
         return {reportDryRun(check, request, line.deleteOld, report) ? exitInstalled : exitNotInstalled, false};
     for (const QString& warning : check.warnings)
@@ -192,7 +193,8 @@ int runBatch(const CommandLine& line, char* program)
     keepOffThisProcessor(looking);
 
     qInstallMessageHandler(tellTrouble);
-    // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows any.
+    // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows
+    // any.
     qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
     int argc = 1;
     char* argv[] = {program, nullptr};
@@ -202,6 +204,7 @@ int runBatch(const CommandLine& line, char* program)
     const PresenterScope scope(&presenter);
     const NSLogObserver log([&](const std::string& text) { report.logged(text); });
     outcome = runWithInputs(line, *inputs, request, std::move(look), presenter, report);
+    looking.join(); // where the page could not be loaded, nobody has waited for it
     forgetInspectedBundle();
     return report.finish(outcome.status, outcome.installed, line.dryRun);
 }

@@ -129,10 +129,8 @@ BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request)
     return look;
 }
 
-BundleCheck checkBundle(std::future<BundleLook> pending, const BundleRequest& request)
+BundleCheck checkBundle(BundleLook look, const BundleRequest& request)
 {
-    const QStringList impostors = impostorWarnings(request.authority);
-    BundleLook look = pending.get();
     BundleCheck check;
     if (look.certificate) {
         check.base64 = std::move(look.base64);
@@ -141,7 +139,7 @@ BundleCheck checkBundle(std::future<BundleLook> pending, const BundleRequest& re
     } else {
         check = refusal(look.certificate.status(), !request.passphrase.empty());
     }
-    check.warnings += impostors;
+    check.warnings += impostorWarnings(request.authority);
     return check;
 }
 
@@ -150,10 +148,7 @@ BundleCheck checkBundle(const BundleRequest& request)
     auto read = readPKCS12AsBase64(request.file);
     if (const auto* error = std::get_if<InputError>(&read))
         return problemAt(BundleCheck::Place::file, QString::fromStdString(error->message));
-    return checkBundle(
-        std::async(std::launch::deferred,
-            [&] { return lookAtBundle(std::move(std::get<Ref<NSString>>(read)), request); }),
-        request);
+    return checkBundle(lookAtBundle(std::move(std::get<Ref<NSString>>(read)), request), request);
 }
 
 QString describeCertificate(const BundleInspection& certificate)

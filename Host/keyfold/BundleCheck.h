@@ -7,8 +7,6 @@
 
 #include <QStringList>
 
-#include <future>
-
 namespace kf {
 
 struct BundleRequest {
@@ -46,8 +44,8 @@ std::string emailAddressOf(const std::string& login);
 /// is made.
 BundleLook lookAtBundle(Ref<NSString> base64, const BundleRequest& request);
 
-/// What is to be said of it, and of other authorities of the institution's name in the keychains. `look` is waited for.
-BundleCheck checkBundle(std::future<BundleLook> look, const BundleRequest& request);
+/// What is to be said of it, and of other authorities of the institution's name in the keychains. Any thread.
+BundleCheck checkBundle(BundleLook look, const BundleRequest& request);
 
 /// Reads the request's file, looks and checks. Any thread.
 BundleCheck checkBundle(const BundleRequest& request);

@@ -42,7 +42,15 @@ const std::vector<Rule> rules = {
 
 // The folder that a quoted include names by its first component.
 const std::vector<std::string> folders = {
-    "Foundation", "Security", "AppKit", "KFWizard", "Keychain", "Certificates", "Shared", "KFRegex", "Pane",
+    "Foundation",
+    "Security",
+    "AppKit",
+    "KFWizard",
+    "Keychain",
+    "Certificates",
+    "Shared",
+    "KFRegex",
+    "Pane",
 };
 
 enum class Library { none, qt, nss, openssl, icu, bus };
@@ -51,8 +59,9 @@ Library libraryOf(const std::string& include)
 {
     static const std::vector<std::pair<std::regex, Library>> patterns = {
         {std::regex("^(Q[A-Z].*|Qt[A-Z].*/.*|qt.*/.*|q[a-z]+\\.h)$"), Library::qt},
-        {std::regex("^(nss/.*|nspr/.*|nss\\.h|pk11.*\\.h|pkcs11.*\\.h|secmod.*\\.h|cert\\.h|keyhi\\.h|prerror\\.h|secerr\\.h)$"),
-         Library::nss},
+        {std::regex("^(nss/.*|nspr/"
+                    ".*|nss\\.h|pk11.*\\.h|pkcs11.*\\.h|secmod.*\\.h|cert\\.h|keyhi\\.h|prerror\\.h|secerr\\.h)$"),
+            Library::nss},
         {std::regex("^openssl/.*"), Library::openssl},
         {std::regex("^unicode/.*"), Library::icu},
         {std::regex("^systemd/.*"), Library::bus},
@@ -83,8 +92,7 @@ bool libraryAllowed(Library library, const std::string& path)
     case Library::nss:
         return below("Platform/Security") && !isPublicHeader(path);
     case Library::openssl:
-        return (below("Platform/Security") || below("Sources/Certificates") || below("Tools"))
-            && !isPublicHeader(path);
+        return (below("Platform/Security") || below("Sources/Certificates") || below("Tools")) && !isPublicHeader(path);
     case Library::bus:
         return below("Platform/Security/Authorization") && !isPublicHeader(path);
     case Library::icu:
@@ -167,7 +175,7 @@ struct Row {
     bool allowed;
 };
 
-class IncludeDirectionTable : public testing::TestWithParam<Row> {};
+class IncludeDirectionTable : public testing::TestWithParam<Row> { };
 
 TEST_P(IncludeDirectionTable, IsDecidedAsDrawn)
 {
@@ -175,33 +183,32 @@ TEST_P(IncludeDirectionTable, IsDecidedAsDrawn)
     EXPECT_EQ(violation(row.path, row.include).empty(), row.allowed) << row.path << " -> " << row.include.name;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, IncludeDirectionTable,
+INSTANTIATE_TEST_SUITE_P(Rows, IncludeDirectionTable,
     testing::Values(Row{"Host/keyfold/Main.cpp", {"KFWizard/KFWizardPane.h", true}, true},
-                    Row{"Host/keyfold/Main.cpp", {"Pane/KFInstallerPane.h", true}, false},
-                    Row{"Host/keyfold/Main.cpp", {"Keychain/KeychainTools.h", true}, false},
-                    Row{"Host/KFWizard/KFWizardPane.cpp", {"Keychain/KeychainTools.h", true}, false},
-                    Row{"Sources/Pane/KFInstallerPane.cpp", {"Keychain/KeychainTools.h", true}, true},
-                    Row{"Sources/Keychain/KeychainTools.cpp", {"KFWizard/KFWizardPane.h", true}, false},
-                    Row{"Sources/Keychain/KeychainTools.cpp", {"QString", false}, false},
-                    Row{"Sources/Certificates/X509Certificate.cpp", {"openssl/bio.h", false}, true},
-                    Row{"Sources/Keychain/KFUtilities.cpp", {"openssl/evp.h", false}, false},
-                    Row{"Sources/Certificates/X509Certificate.cpp", {"nss/pk11pub.h", false}, false},
-                    Row{"Sources/Shared/KFRegex/KFRegex.cpp", {"unicode/uregex.h", false}, true},
-                    Row{"Sources/Shared/KFRegex/KFRegex.h", {"unicode/uregex.h", false}, false},
-                    Row{"Platform/Security/SecTrust.h", {"openssl/x509.h", false}, false},
-                    Row{"Platform/Security/ScopedOpenSSL.h", {"openssl/x509.h", false}, true},
-                    Row{"Platform/Security/Keychain/NSSBackend.cpp", {"pk11pub.h", false}, true},
-                    Row{"Platform/Security/SecTrust.cpp", {"QtCore/QString", false}, false},
-                    Row{"Platform/Foundation/NSString.cpp", {"Security/SecBase.h", true}, false},
-                    Row{"Platform/Security/SecTrust.cpp", {"AppKit/NSAlert.h", true}, false},
-                    Row{"Tools/security/Main.cpp", {"Keychain/KeychainTools.h", true}, false},
-                    Row{"Tools/security/Main.cpp", {"QCoreApplication", false}, false},
-                    Row{"Tools/launcher/Launcher.cpp", {"Security/Authorization/LaunchReply.h", true}, true},
-                    Row{"Tools/launcher/Launcher.cpp", {"Foundation/NSString.h", true}, false},
-                    Row{"Tools/unpublish/main.cpp", {"Security/SecTrust.h", true}, false},
-                    Row{"Platform/Security/Authorization/PolkitModule.cpp", {"systemd/sd-bus.h", false}, true},
-                    Row{"Platform/Security/Authorization/PolkitModule.h", {"systemd/sd-bus.h", false}, false},
-                    Row{"Tools/launcher/Launcher.cpp", {"systemd/sd-bus.h", false}, false}));
+        Row{"Host/keyfold/Main.cpp", {"Pane/KFInstallerPane.h", true}, false},
+        Row{"Host/keyfold/Main.cpp", {"Keychain/KeychainTools.h", true}, false},
+        Row{"Host/KFWizard/KFWizardPane.cpp", {"Keychain/KeychainTools.h", true}, false},
+        Row{"Sources/Pane/KFInstallerPane.cpp", {"Keychain/KeychainTools.h", true}, true},
+        Row{"Sources/Keychain/KeychainTools.cpp", {"KFWizard/KFWizardPane.h", true}, false},
+        Row{"Sources/Keychain/KeychainTools.cpp", {"QString", false}, false},
+        Row{"Sources/Certificates/X509Certificate.cpp", {"openssl/bio.h", false}, true},
+        Row{"Sources/Keychain/KFUtilities.cpp", {"openssl/evp.h", false}, false},
+        Row{"Sources/Certificates/X509Certificate.cpp", {"nss/pk11pub.h", false}, false},
+        Row{"Sources/Shared/KFRegex/KFRegex.cpp", {"unicode/uregex.h", false}, true},
+        Row{"Sources/Shared/KFRegex/KFRegex.h", {"unicode/uregex.h", false}, false},
+        Row{"Platform/Security/SecTrust.h", {"openssl/x509.h", false}, false},
+        Row{"Platform/Security/ScopedOpenSSL.h", {"openssl/x509.h", false}, true},
+        Row{"Platform/Security/Keychain/NSSBackend.cpp", {"pk11pub.h", false}, true},
+        Row{"Platform/Security/SecTrust.cpp", {"QtCore/QString", false}, false},
+        Row{"Platform/Foundation/NSString.cpp", {"Security/SecBase.h", true}, false},
+        Row{"Platform/Security/SecTrust.cpp", {"AppKit/NSAlert.h", true}, false},
+        Row{"Tools/security/Main.cpp", {"Keychain/KeychainTools.h", true}, false},
+        Row{"Tools/security/Main.cpp", {"QCoreApplication", false}, false},
+        Row{"Tools/launcher/Launcher.cpp", {"Security/Authorization/LaunchReply.h", true}, true},
+        Row{"Tools/launcher/Launcher.cpp", {"Foundation/NSString.h", true}, false},
+        Row{"Tools/unpublish/main.cpp", {"Security/SecTrust.h", true}, false},
+        Row{"Platform/Security/Authorization/PolkitModule.cpp", {"systemd/sd-bus.h", false}, true},
+        Row{"Platform/Security/Authorization/PolkitModule.h", {"systemd/sd-bus.h", false}, false},
+        Row{"Tools/launcher/Launcher.cpp", {"systemd/sd-bus.h", false}, false}));
 
 } // namespace

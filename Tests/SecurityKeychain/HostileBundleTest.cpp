@@ -228,6 +228,19 @@ TEST_F(DamagedKey, AKeyOnACurveThatTheDatabaseLacksIsNotCalledDamaged)
         errSecUnsupportedKeyFormat);
 }
 
+TEST(BundleKey, BelongsToTheCertificateOfItsPointInTheShortFormToo)
+{
+    const auto key = readKey(ada().keyFile);
+    ASSERT_EQ(EVP_PKEY_set_utf8_string_param(key.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT, "compressed"), 1);
+    const Bytes certificate = certify("Ada", "nobody", key.get());
+    const auto bundle =
+        readBundle(Handmade().key(ada().keyFile).certificate(grace().leaf).certificate(certificate).seal(),
+            secret(Handmade::passphrase));
+    ASSERT_TRUE(bundle) << bundle.status();
+    EXPECT_EQ(bundle->leaf.der, certificate);
+    EXPECT_NE(kf::readCertificateFields(certificate)->keyId, kf::readCertificateFields(ada().leaf)->keyId);
+}
+
 // --- Costly key derivations ---
 
 X509_ALGOR* pbkdf2(int iterations)

@@ -1,7 +1,7 @@
 // A bundle that was looked at is not read again for its import.
+#include "Security/Keychain/KeptBundle.h"
 #include "KeychainFixture.h"
 #include "Security/BundleInspection.h"
-#include "Security/Keychain/KeptBundle.h"
 #include "Security/Keychain/MemoryBackend.h"
 
 #include <gmock/gmock.h>

@@ -36,7 +36,8 @@ TEST_F(InputFiles, ABinaryBundleIsEncoded) { EXPECT_EQ(read("0\x82\x01 -----BEGI
 TEST_F(InputFiles, AFileOfAnySizeUpToEightMebibytesIsReadWhole)
 {
     constexpr std::size_t limit = std::size_t{8} << 20;
-    for (const std::size_t size : {std::size_t{16383}, std::size_t{16384}, std::size_t{16385}, std::size_t{100'000}, limit}) {
+    for (const std::size_t size :
+        {std::size_t{16383}, std::size_t{16384}, std::size_t{16385}, std::size_t{100'000}, limit}) {
         std::string text(size, 'A');
         text.back() = 'B';
         EXPECT_EQ(read(text), text) << size;

@@ -17,7 +17,8 @@ OSSL_LIB_CTX* libraryContext();
 /// which most bundles do without. Any thread.
 void addOldAlgorithms();
 
-/// A certificate decoded in that context, whatever its extensions say; null where the bytes begin with none. Any thread.
+/// A certificate decoded in that context, whatever its extensions say; null where the bytes begin with none. Any
+/// thread.
 ScopedX509 decodeCertificate(std::span<const std::uint8_t> der);
 
 } // namespace kf

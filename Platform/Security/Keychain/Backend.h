@@ -85,8 +85,8 @@ public:
     /// The objects about to be made, none of which exists now, in the order in which they will be, or about to be
     /// removed. Once in a turn until finish(). errSecDataTooLarge above mostIntendedObjects.
     virtual Status declare(Intent::Purpose purpose, const std::vector<ObjectName>& objects) = 0;
-    /// What became of an object that was declared: made or found. After a power cut the note may be there and the object
-    /// gone, where that was the last thing to be made.
+    /// What became of an object that was declared: made or found. After a power cut the note may be there and the
+    /// object gone, where that was the last thing to be made.
     virtual Status note(const ObjectName& object, Intent::Progress progress) = 0;
     /// That all that was made is about to go again.
     virtual Status withdraw() = 0;

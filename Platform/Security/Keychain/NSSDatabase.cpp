@@ -317,9 +317,8 @@ Status NSSDatabase::addCertificate(std::span<const std::uint8_t> der, const std:
         CK_RV created = CKR_ATTRIBUTE_VALUE_INVALID;
         // That value tells that the label is taken: the wished one, or by another program since it was looked for.
         for (int attempt = 0; created == CKR_ATTRIBUTE_VALUE_INVALID && attempt < labelAttempts; ++attempt) {
-            const std::string chosen = freeLabel(label, [&](const std::string& text) {
-                return attempt > 0 && isTaken(session, text, fields->subject);
-            });
+            const std::string chosen = freeLabel(
+                label, [&](const std::string& text) { return attempt > 0 && isTaken(session, text, fields->subject); });
             Template object = objectsOf(CKO_CERTIFICATE);
             object.addWord(CKA_CERTIFICATE_TYPE, CKC_X_509)
                 .add(CKA_ID, fields->keyId)

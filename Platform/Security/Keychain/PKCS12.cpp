@@ -206,8 +206,8 @@ std::string friendlyNameOf(const PKCS12_SAFEBAG* bag)
     return text && NSString::stringWithUTF8String(text.get()) ? std::string(text.get()) : std::string();
 }
 
-/// The bytes of the certificate in a bag; empty where there are none. OpenSSL's own call for this decodes the public key
-/// too, in the context of the rest of the process: for each certificate of a chain more work than all else with it.
+/// The bytes of the certificate in a bag; empty where there are none. OpenSSL's own call for this decodes the public
+/// key too, in the context of the rest of the process: for each certificate of a chain more work than all else with it.
 Bytes certificateIn(const PKCS12_SAFEBAG* bag)
 {
     unsigned char* encoded = nullptr;
