@@ -346,15 +346,30 @@ TEST(BundleSeal, OneOfAKindThatThisSystemLacksIsUnsupported)
     EXPECT_EQ(readBundle(bundle, secret(ada().passphrase)).status(), errSecUnsupportedKeyFormat);
 }
 
-/// Made by openssl without a seal, with more options.
-Bytes unsealed(std::initializer_list<std::string> options)
+/// Made by openssl, with more options.
+Bytes exported(const std::vector<std::string>& options)
 {
-    const auto file = authority().directory() / "unsealed.p12";
-    std::vector<std::string> command = {"openssl", "pkcs12", "-export", "-nomac", "-in", ada().certFile, "-inkey",
-        ada().keyFile, "-passout", "pass:correct horse", "-out", file};
-    command.insert(command.end(), options);
+    const auto file = authority().directory() / "exported.p12";
+    std::vector<std::string> command = {"openssl", "pkcs12", "-export", "-in", ada().certFile, "-inkey", ada().keyFile,
+        "-passout", "pass:correct horse", "-out", file};
+    command.insert(command.end(), options.begin(), options.end());
     mustRun(command);
     return readFile(file);
+}
+
+Bytes unsealed(std::vector<std::string> options)
+{
+    options.push_back("-nomac");
+    return exported(options);
+}
+
+TEST(BundleSeal, OfADigestThatOldProgramsUseIsRead)
+{
+    const Bytes bundle = exported({"-legacy", "-macalg", "md4", "-certpbe", "AES-256-CBC", "-keypbe", "AES-256-CBC"});
+    const auto read = readBundle(bundle, secret("correct horse"));
+    ASSERT_TRUE(read) << read.status();
+    EXPECT_EQ(read->leaf.der, ada().leaf);
+    EXPECT_EQ(readBundle(bundle, secret("wrong")).status(), errSecPkcs12VerifyFailure);
 }
 
 TEST(BundleSeal, ABundleWithoutOneIsReadAndItsPassphraseProvenByWhatItOpens)

@@ -79,17 +79,21 @@ int algorithmId(const X509_ALGOR* algorithm)
     return OBJ_obj2nid(object);
 }
 
-bool hasCipher(int id)
+/// Whether OpenSSL has an algorithm, an old one too. `Owner` frees what `fetch` gives.
+template <class Owner, class Fetch>
+bool hasAlgorithm(Fetch fetch, int id)
 {
     const OpenSSLErrorMark mark;
-    const auto isThere = [id] {
-        return ScopedEVP_CIPHER(EVP_CIPHER_fetch(libraryContext(), OBJ_nid2sn(id), nullptr)) != nullptr;
-    };
+    const auto isThere = [&] { return Owner(fetch(libraryContext(), OBJ_nid2sn(id), nullptr)) != nullptr; };
     if (isThere())
         return true;
     addOldAlgorithms();
     return isThere();
 }
+
+bool hasCipher(int id) { return hasAlgorithm<ScopedEVP_CIPHER>(EVP_CIPHER_fetch, id); }
+
+bool hasDigest(int id) { return hasAlgorithm<ScopedEVP_MD>(EVP_MD_fetch, id); }
 
 /// What a key derivation costs, in iterations.
 using Cost = Result<std::int64_t>;
@@ -463,8 +467,7 @@ Result<Seal> checkSeal(PKCS12* bundle, const char* passphrase, int length, Budge
     PKCS12_get0_mac(nullptr, &algorithm, nullptr, &iterations, bundle);
     if (const auto paid = budget.pay(iterations ? iterationCost(iterations) : Cost(1)); !paid)
         return paid.failure();
-    const ScopedEVP_MD digest(EVP_MD_fetch(libraryContext(), OBJ_nid2sn(algorithmId(algorithm)), nullptr));
-    if (!digest)
+    if (!hasDigest(algorithmId(algorithm)))
         return Failure{errSecUnsupportedKeyFormat};
     return PKCS12_verify_mac(bundle, passphrase, length) == 1 ? Seal::intact : Seal::broken;
 }
