@@ -2,23 +2,11 @@
 # docs/deploying.md, word for word: an administrator with an authority, a domain and an address of their own makes the
 # packages, installs them, and takes them away.
 set -eu
-[ -e /run/keyfold-sandbox ] || { echo "not inside the sandbox" >&2; exit 77; }
-command -v sudo > /dev/null || { echo "skipped: sudo is not installed" >&2; exit 77; }
-sources=$(cd "$(dirname "$0")/../.." && pwd)
 log=/tmp/output
-
-fail() {
-    echo "FAILED: $*" >&2
-    [ ! -f "$log" ] || tail -n 40 "$log" | sed 's/^/    | /' >&2
-    exit 1
-}
-expect() {
-    description=$1
-    shift
-    "$@" > /tmp/expect 2>&1 || { cat /tmp/expect >&2; fail "$description"; }
-    echo "ok: $description"
-}
-says() { expect "says \"$1\"" grep -qF -- "$1" "$log"; }
+. "$(dirname "$0")/../Support/checks.sh"
+need_sandbox
+command -v sudo > /dev/null || skip "sudo is not installed"
+sources=$(cd "$(dirname "$0")/../.." && pwd)
 
 # A clone of one's own.
 mkdir /tmp/clone
@@ -55,7 +43,7 @@ commands 1
 expect "the packages are not the demonstration's" sh -c '! ls build/deployment/packages | grep demonstration'
 dpkg-deb -c build/deployment/packages/keyfold-dev_*.deb > "$log"
 says /examples/WelcomePage/CMakeLists.txt
-! grep -F WelcomePage/build "$log" || fail "what was built of the example is not shipped"
+refuse "what was built of the example is not shipped" grep -F WelcomePage/build "$log"
 expect "no demonstration authority was made" [ ! -e build/deployment/demo ]
 commands 2
 digest=$(sha256sum authority.der | cut -d ' ' -f 1)

@@ -1,45 +1,15 @@
 # What the end-to-end tests share. Sourced with the build directory in $1; runs only inside the sandbox.
 set -eu
-
-[ -e /run/keyfold-sandbox ] || { echo "not inside the sandbox" >&2; exit 77; }
+log=/tmp/output
+. "$(dirname "$0")/../Support/checks.sh"
+need_sandbox
 build=$1
 authority_key=$build/demo/orvane_ca.key
 bundle=$(find "$build" -type d -name KFInstaller.bundle | head -n 1)
 authority=$bundle/Contents/Resources/orvane_ca.der
 system_keychain=/Library/Keychains/System.keychain
-log=/tmp/output
 mkdir -p /tmp/pki
 cd /tmp/pki
-
-fail() {
-    echo "FAILED: $*" >&2
-    [ ! -f "$log" ] || sed 's/^/    | /' "$log" >&2
-    exit 1
-}
-
-skip() {
-    echo "skipped: $*" >&2
-    exit 77
-}
-
-# expect DESCRIPTION COMMAND...: the command must succeed.
-expect() {
-    description=$1
-    shift
-    "$@" > /tmp/expect 2>&1 || { cat /tmp/expect >&2; fail "$description"; }
-    echo "ok: $description"
-}
-
-# refuse DESCRIPTION COMMAND...: the command must fail.
-refuse() {
-    description=$1
-    shift
-    ! "$@" > /tmp/expect 2>&1 || { cat /tmp/expect >&2; fail "$description"; }
-    echo "ok: $description"
-}
-
-# says TEXT: the last run's output holds a line with TEXT.
-says() { expect "says \"$1\"" grep -qF -- "$1" "$log"; }
 
 openssl x509 -inform DER -in "$authority" -out authority.pem
 

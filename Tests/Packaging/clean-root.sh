@@ -16,27 +16,17 @@ fi
 build=$1
 root=$2/root
 log=$2/output
+checked=$2/checked
+. "$(dirname "$0")/../Support/checks.sh"
 authority=$build/demo/orvane_ca.der
 . /etc/os-release
 
-fail() {
-    echo "FAILED: $*" >&2
-    [ ! -f "$log" ] || tail -n 40 "$log" | sed 's/^/    | /' >&2
-    exit 1
-}
-expect() {
-    description=$1
-    shift
-    "$@" > "$log" 2>&1 || fail "$description"
-    echo "ok: $description"
-}
 inside() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root "$@"; }
 apt() { inside env DEBIAN_FRONTEND=noninteractive apt-get -y -q "$@"; }
 # as_user COMMAND...: the fresh one, without administrator rights.
 as_user() { inside setpriv --reuid gail --regid gail --init-groups env HOME=/home/gail "$@"; }
 # What an own program of the machine says of the institution's servers.
 trusted() { inside openssl verify -CAfile /etc/ssl/certs/ca-certificates.crt /tmp/member.pem; }
-not_trusted() { ! trusted; }
 nothing_of_ours() {
     ! inside find / -xdev -path /proc -prune -o -path /tmp -prune -o -path /home -prune -o -path /root -prune -o -path /var/log -prune -o \
         -path /var/lib/apt -prune -o -path /var/cache/apt -prune -o \( -iname '*keyfold*' -o -path '/Library*' \) -print |
@@ -62,7 +52,9 @@ echo "open sesame" > "$root/tmp/passphrase"
 openssl pkcs12 -export -in "$root/tmp/member.pem" -inkey member.key -passout "file:$root/tmp/passphrase" \
     -out "$root/tmp/member.p12"
 chmod 644 "$root/tmp/member.p12" "$root/tmp/passphrase"
-visit="keyfold --batch --login gail --pkcs12 /tmp/member.p12 --passphrase-file /tmp/passphrase"
+visit() {
+    "$@" keyfold --batch --login gail --pkcs12 /tmp/member.p12 --passphrase-file /tmp/passphrase > "$log" 2>&1
+}
 
 expect "apt update" apt update
 for recommends in true false; do
@@ -74,11 +66,11 @@ for recommends in true false; do
     ! inside id gail > /dev/null 2>&1 || inside userdel -r gail 2> "$log"
     expect "a fresh user" inside useradd -m -s /bin/sh gail
 
-    expect "the main job, without administrator rights" as_user $visit
-    grep -qF "Your certificates were successfully installed" "$log" || fail "the summary"
-    [ -s "$root/home/gail/.local/share/pki/nssdb/key4.db" ] || fail "the key is in the home"
-    expect "the machine does not trust the authority" not_trusted
-    expect "the main job, as root" inside $visit
+    expect "the main job, without administrator rights" visit as_user
+    says "Your certificates were successfully installed"
+    expect "the key is in the home" [ -s "$root/home/gail/.local/share/pki/nssdb/key4.db" ]
+    refuse "the machine does not trust the authority" trusted
+    expect "the main job, as root" visit inside
     expect "the machine trusts it" trusted
     expect "the System keychain is there" [ -s "$root/Library/Keychains/System.keychain/cert9.db" ]
     home=$(cd "$root/home" && find . -type f -exec sha256sum {} + | sort)
@@ -89,7 +81,7 @@ for recommends in true false; do
     expect "the System keychain stays" [ -s "$root/Library/Keychains/System.keychain/cert9.db" ]
     expect "the packages are purged" apt purge keyfold-security
     openssl x509 -inform DER -in "$authority" -out authority.pem
-    ! grep -qsF "$(sed -n 2p authority.pem)" "$root/etc/ssl/certs/ca-certificates.crt" || fail "a bundle holds the authority"
+    refuse "no bundle holds the authority" grep -sF "$(sed -n 2p authority.pem)" "$root/etc/ssl/certs/ca-certificates.crt"
     expect "nothing of ours stays" nothing_of_ours
     [ "$home" = "$(cd "$root/home" && find . -type f -exec sha256sum {} + | sort)" ] || fail "a home was touched"
     echo "ok: nothing in a home was touched"

@@ -2,7 +2,7 @@
 # Chromium refuses a server of the institution before, accepts it after, beside an authority of an administrator's own
 # file, and refuses it again after the removal. A fresh profile each time: nothing but the policy can decide.
 . "$(dirname "$0")/lib.sh"
-command -v chromium > /dev/null || { echo "skipped: Chromium is not installed" >&2; exit 77; }
+command -v chromium > /dev/null || skip "Chromium is not installed"
 authority root
 authority theirs
 serve 4453 root

@@ -2,11 +2,8 @@
 # Runs that are killed at every write, rename, fsync and unlink in turn, or fail there: no reader ever sees half a file,
 # and the next run finishes what was begun and leaves exactly what an undisturbed one leaves.
 . "$(dirname "$0")/lib.sh"
-command -v strace > /dev/null || { echo "skipped: strace is not installed" >&2; exit 77; }
-strace -o /dev/null -e inject=rename:signal=KILL:when=1 true 2> strace.log || {
-    echo "skipped: strace may not trace here: $(cat strace.log)" >&2
-    exit 77
-}
+command -v strace > /dev/null || skip "strace is not installed"
+strace -o /dev/null -e inject=rename:signal=KILL:when=1 true 2> strace.log || skip "strace may not trace here: $(cat strace.log)"
 # The distribution's own takes seconds, many times over.
 cat > /usr/sbin/update-ca-certificates << 'SH'
 #!/bin/sh

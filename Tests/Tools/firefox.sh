@@ -2,11 +2,8 @@
 # Firefox, told to follow the distribution's trust store, refuses a server of the institution before, accepts it after
 # and refuses it again after the removal; one profile throughout. Beside policies of an administrator.
 . "$(dirname "$0")/lib.sh"
-firefox=$(command -v firefox-esr || command -v firefox) || { echo "skipped: Firefox is not installed" >&2; exit 77; }
-find /usr/lib /usr/lib64 -name p11-kit-trust.so 2> /dev/null | grep -q . || {
-    echo "skipped: the trust module of p11-kit is not installed" >&2
-    exit 77
-}
+firefox=$(command -v firefox-esr || command -v firefox) || skip "Firefox is not installed"
+find /usr/lib /usr/lib64 -name p11-kit-trust.so 2> /dev/null | grep -q . || skip "the trust module of p11-kit is not installed"
 authority root
 serve 4455 root
 export HOME=/tmp/tools/home

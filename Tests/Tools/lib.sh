@@ -1,36 +1,15 @@
 # What the tool's tests in the sandbox share. Sourced with the tool's path in $1.
 set -eu
-[ -e /run/keyfold-sandbox ] || { echo "not inside the sandbox" >&2; exit 77; }
-[ -x /usr/sbin/update-ca-certificates ] || { echo "skipped: no update-ca-certificates" >&2; exit 77; }
+log=stdout
+shown="stdout stderr"
+. "$(dirname "$0")/../Support/checks.sh"
+need_sandbox
+[ -x /usr/sbin/update-ca-certificates ] || skip "no update-ca-certificates"
 folder=$(cd "$(dirname "$0")" && pwd)
 security=$1
 system_keychain=/Library/Keychains/System.keychain
 mkdir -p /tmp/tools
 cd /tmp/tools
-
-fail() {
-    echo "FAILED: $*" >&2
-    for file in stdout stderr; do
-        [ ! -f "$file" ] || sed "s/^/    $file | /" "$file" >&2
-    done
-    exit 1
-}
-
-# expect DESCRIPTION COMMAND...: the command must succeed.
-expect() {
-    description=$1
-    shift
-    "$@" > last 2>&1 || { cat last >&2; fail "$description"; }
-    echo "ok: $description"
-}
-
-# refuse DESCRIPTION COMMAND...: the command must fail.
-refuse() {
-    description=$1
-    shift
-    ! "$@" > last 2>&1 || { cat last >&2; fail "$description"; }
-    echo "ok: $description"
-}
 
 # tool STATUS ARGUMENT...: runs the tool, which must end with STATUS; its words are in the files stdout and stderr.
 tool() {
@@ -42,7 +21,7 @@ tool() {
     echo "ok: security $* ends with $status"
 }
 
-says() { expect "tells \"$1\"" grep -qF -- "$1" stdout; }
+# complains TEXT: the same of what it said to stderr.
 complains() { expect "complains \"$1\"" grep -qF -- "$1" stderr; }
 
 # authority NAME [COMMON NAME]: NAME.key, NAME.pem and NAME.der.
