@@ -3,8 +3,8 @@
 #include "AppKit/QtPresenter.h"
 #include "Foundation/NSNumber.h"
 #include "Tests/Wizard/Support.h"
+#include "Tests/Wizard/URLReceiver.h"
 
-#include <QDesktopServices>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -226,26 +226,15 @@ TEST_F(Alert, APassphraseQuestionNamesTheKeychainAndTellsAWrongAnswer)
     }
 }
 
-class URLReceiver final : public QObject {
-    Q_OBJECT
-public:
-    URLReceiver() { QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "open"); }
-    ~URLReceiver() override { QDesktopServices::unsetUrlHandler(QStringLiteral("https")); }
-    Q_SLOT void open(const QUrl& url) { opened.append(url.toString()); }
-    QStringList opened;
-};
-
 TEST(Workspace, OpensWebAddressesAndNothingElse)
 {
-    URLReceiver receiver;
+    kf::test::URLReceiver receiver;
     NSWorkspace& workspace = NSWorkspace::sharedWorkspace();
     EXPECT_TRUE(workspace.openURL("https://help.orvane.example/certificates"_ns));
-    EXPECT_EQ(receiver.opened, QStringList{QStringLiteral("https://help.orvane.example/certificates")});
+    EXPECT_EQ(receiver.opened, QList<QUrl>{QUrl(QStringLiteral("https://help.orvane.example/certificates"))});
     for (const char* other : {"file:///etc/passwd", "javascript:alert(1)", "help", "", "https://["})
         EXPECT_FALSE(workspace.openURL(NSString::stringWithUTF8String(other))) << other;
     EXPECT_FALSE(workspace.openURL(nullptr));
 }
 
 } // namespace
-
-#include "AlertTest.moc"

@@ -1,10 +1,9 @@
 // What the second job shows, logs and leaves behind, row by row.
 
+#include "PaneConfiguration.h"
 #include "Tests/Wizard/JobCalls.h"
 #include "Tests/Wizard/PaneFixture.h"
-
-#include <QDesktopServices>
-#include <QUrl>
+#include "Tests/Wizard/URLReceiver.h"
 
 namespace {
 
@@ -136,7 +135,8 @@ TEST_F(PersonalJob, AsksAboutOldCertificatesOnTheMainThread)
     EXPECT_EQ(toUTF8(question.informativeText),
         "You appear to have one or more old certificates installed. Would you like to delete them?\n\n"
         "WARNING: If you have used S/MIME for email encryption, do not delete your certificates\n\n"
-        "For more information, see " KEYFOLD_HELP_URL);
+        "For more information, see "
+            + std::string(kf::configuration::helpURL));
     EXPECT_EQ(toUTF8(question.defaultButton), "No");
     EXPECT_EQ(toUTF8(question.alternateButton), "Yes");
     EXPECT_EQ(question.otherButton, nullptr);
@@ -504,23 +504,15 @@ TEST_F(PersonalJob, ImportsAfterAFailedDeletionAllTheSame)
     expectSuccess();
 }
 
-class URLReceiver final : public QObject {
-    Q_OBJECT
-public:
-    URLReceiver() { QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "open"); }
-    ~URLReceiver() override { QDesktopServices::unsetUrlHandler(QStringLiteral("https")); }
-    Q_SLOT void open(const QUrl& url) { opened.append(url.toString()); }
-    QStringList opened;
-};
-
 TEST_F(PersonalJob, TheAlertsHelpOpensTheArticle)
 {
     install(oldOwn());
     runPersonalJob();
     ASSERT_EQ(presenter_.questions.size(), 1U);
+    const QUrl article(QString::fromUtf8(kf::configuration::helpURL));
     URLReceiver receiver;
     presenter_.questions[0].help();
-    EXPECT_EQ(receiver.opened, QStringList{QStringLiteral(KEYFOLD_HELP_URL)});
+    EXPECT_EQ(receiver.opened, QList<QUrl>{article});
     EXPECT_TRUE(pane_->alertShowHelp(nullptr));
 }
 
@@ -532,5 +524,3 @@ TEST_F(PersonalJob, TheAlertsHelpSaysWhereNothingOpensTheArticle)
 }
 
 } // namespace
-
-#include "PersonalJobTest.moc"
