@@ -4,6 +4,7 @@
 #include "AppKit/Text.h"
 
 #include <QLabel>
+#include <QPainter>
 #include <QPushButton>
 
 #include <algorithm>
@@ -13,6 +14,24 @@ namespace kf {
 namespace {
 
 constexpr int widthInLetters = 72;
+
+/// The sign of a critical alert, drawn in the pixels of the screen.
+QPixmap criticalSign(const QSizeF& size, qreal pixelRatio)
+{
+    QPixmap sign((size * pixelRatio).toSize());
+    sign.setDevicePixelRatio(pixelRatio);
+    sign.fill(Qt::transparent);
+    QPainter painter(&sign);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.scale(size.width() / 16, size.height() / 16);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(QColor(208, 52, 44));
+    painter.drawEllipse(QPointF(8, 8), 7.5, 7.5);
+    painter.setPen(QPen(Qt::white, 2, Qt::SolidLine, Qt::RoundCap));
+    painter.drawLine(QPointF(5, 5), QPointF(11, 11));
+    painter.drawLine(QPointF(11, 5), QPointF(5, 11));
+    return sign;
+}
 
 } // namespace
 
@@ -60,8 +79,13 @@ void AlertBox::shapeLabels()
         font.setBold(true);
         message->setFont(font);
     }
-    if (auto* icon = findChild<QLabel*>(QStringLiteral("qt_msgboxex_icon_label")))
-        icon->setAccessibleName(tr("Warning"));
+    if (auto* sign = findChild<QLabel*>(QStringLiteral("qt_msgboxex_icon_label"))) {
+        sign->setAccessibleName(tr("Warning"));
+        // Without the desktop's icons Qt has a bitmap for 100 %.
+        const QPixmap given = sign->pixmap();
+        if (icon() == Critical && given.devicePixelRatio() < devicePixelRatioF())
+            sign->setPixmap(criticalSign(given.deviceIndependentSize(), devicePixelRatioF()));
+    }
     auto* informative = findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel"));
     if (!informative)
         return;

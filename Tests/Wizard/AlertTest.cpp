@@ -161,6 +161,17 @@ TEST_F(Alert, ShowsItsTextsAsTheyAreAndTheCriticalIcon)
     });
 }
 
+// Run at 200 %, too.
+TEST_F(Alert, ItsSignIsAsSharpAsTheScreen)
+{
+    run([](QWidget* box) {
+        const QPixmap sign = find<QLabel>(box, "qt_msgboxex_icon_label")->pixmap();
+        EXPECT_EQ(sign.devicePixelRatio(), box->devicePixelRatioF());
+        EXPECT_EQ(sign.width(), 32 * box->devicePixelRatioF());
+        box->close();
+    });
+}
+
 TEST_F(Alert, WithoutHelpThereIsNoHelpButton)
 {
     alert_->setShowsHelp(false);
