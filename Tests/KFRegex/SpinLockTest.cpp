@@ -3,7 +3,7 @@
 // How locks are given back is settled once in a process, so this program takes
 // the lock's source unit in, to begin again for each test.
 
-#include "Foundation/OSSpinLock.cpp"
+#include "Foundation/OSSpinLock.cpp" // NOLINT(bugprone-suspicious-include): as said above
 
 #include <gtest/gtest.h>
 

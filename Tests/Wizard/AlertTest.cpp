@@ -138,7 +138,7 @@ TEST_F(Alert, TheHelpButtonAsksTheDelegateAndLeavesTheAlertOpen)
 
 TEST_F(Alert, ReturnAfterHelpIsNoAndNotHelpAgain)
 {
-    EXPECT_EQ(run([this](QWidget* box) {
+    EXPECT_EQ(run([](QWidget* box) {
         auto* help = find<QPushButton>(box, "helpButton");
         QTest::mouseClick(help, Qt::LeftButton);
         QTest::keyClick(help, Qt::Key_Return);

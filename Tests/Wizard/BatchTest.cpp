@@ -257,10 +257,9 @@ TEST_F(Batch, DoesNotWaitForAPipeAsABundle)
 
 TEST_F(Batch, ReadsNoMoreThanTheFirstLineOfStandardInput)
 {
-    const Ran ran = run({"sh", "-c",
-        "(printf '%s\\n' \"$1\"; exec sleep 12) 2>/dev/null | timeout 10 \"$2\" --batch --login ada --pkcs12 \"$3\" "
-        "--passphrase-file - & wait $!",
-        "sh", bundle_.passphrase, KEYFOLD_PROGRAM, bundle_.file});
+    const std::string commands = "(printf '%s\\n' \"$1\"; exec sleep 12) 2>/dev/null | "
+                                 "timeout 10 \"$2\" --batch --login ada --pkcs12 \"$3\" --passphrase-file - & wait $!";
+    const Ran ran = run({"sh", "-c", commands, "sh", bundle_.passphrase, KEYFOLD_PROGRAM, bundle_.file});
     EXPECT_EQ(keys(), 1) << ran.output;
 }
 
@@ -648,10 +647,9 @@ TEST_F(BatchWithKeychainPassphrase, WithoutOneItIsACleanFailure)
 
 TEST_F(BatchWithKeychainPassphrase, ItMayComeFromADescriptor)
 {
-    const Ran ran = run({"sh", "-c",
-        "exec \"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" "
-        "--keychain-passphrase-file /dev/fd/3 3<\"$4\"",
-        "sh", KEYFOLD_PROGRAM, bundle_.file, passphraseFile(), secret_});
+    const std::string command = "exec \"$1\" --batch --login ada --pkcs12 \"$2\" --passphrase-file \"$3\" "
+                                "--keychain-passphrase-file /dev/fd/3 3<\"$4\"";
+    const Ran ran = run({"sh", "-c", command, "sh", KEYFOLD_PROGRAM, bundle_.file, passphraseFile(), secret_});
     EXPECT_EQ(ran.status, 0) << ran.output;
 }
 

@@ -114,8 +114,8 @@ TEST_F(EndPage, TellsAThunderbirdThatDoesNotTrustTheAuthority)
 TEST_F(EndPage, TellsAThunderbirdThatTrustsTheAuthority)
 {
     const std::string profile = makeProfile(".thunderbird");
-    mustRun({"certutil", "-A", "-n", "authority", "-t", "C,C,", "-i",
-        KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der", "-d", profile});
+    const std::string authority = KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der";
+    mustRun({"certutil", "-A", "-n", "authority", "-t", "C,C,", "-i", authority, "-d", profile});
     install();
     goToEnd();
     EXPECT_THAT(report("usedByReport"), HasSubstr("Thunderbird trusts the authority’s servers"));

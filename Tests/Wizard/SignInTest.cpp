@@ -14,7 +14,6 @@ namespace {
 
 using namespace kf::test;
 using testing::HasSubstr;
-using testing::Not;
 
 class SignIn : public Walk {
 protected:
@@ -257,8 +256,8 @@ TEST_F(SignIn, TheInstitutionsOwnAuthorityIsNoImpostor)
     const auto directory = home_.olderKeychain();
     std::filesystem::create_directories(directory);
     mustRun({"certutil", "-N", "--empty-password", "-d", "sql:" + directory.string()});
-    mustRun({"certutil", "-A", "-n", "institution", "-t", ",,", "-i",
-        KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der", "-d", "sql:" + directory.string()});
+    const std::string authority = KEYFOLD_BUNDLE "/Contents/Resources/orvane_ca.der";
+    mustRun({"certutil", "-A", "-n", "institution", "-t", ",,", "-i", authority, "-d", "sql:" + directory.string()});
     signIn(bundle());
     EXPECT_FALSE(isShown("certificateWarnings"));
 }
