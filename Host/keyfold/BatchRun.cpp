@@ -184,6 +184,10 @@ int runBatch(const CommandLine& line, char* program)
     if (!inputs)
         return report.finish(outcome.status, false, line.dryRun);
 
+    // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows
+    // any. And before there is a second thread, which reads the environment.
+    qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
+
     // Beside Qt's start, which takes as long. The keychains wait: their libraries, too, are loaded one after the other.
     const BundleRequest request{
         line.login, line.pkcs12File, bytesOf(inputs->passphrase), shippedAuthority(bundlePathOf(line))};
@@ -193,9 +197,6 @@ int runBatch(const CommandLine& line, char* program)
     keepOffThisProcessor(looking);
 
     qInstallMessageHandler(tellTrouble);
-    // Before Qt starts: without a display it would end the program. Fonts take time to find, and only a picture shows
-    // any.
-    qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
     int argc = 1;
     char* argv[] = {program, nullptr};
     const QApplication application(argc, argv);

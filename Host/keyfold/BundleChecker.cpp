@@ -27,6 +27,7 @@ void BundleChecker::cancel()
 {
     wanted_ = false;
     next_.reset();
+    forgetInspectedBundle();
 }
 
 void BundleChecker::launch(BundleRequest request)
@@ -46,11 +47,12 @@ void BundleChecker::launch(BundleRequest request)
 void BundleChecker::ended(const BundleCheck& check)
 {
     thread_.join();
-    if (next_) {
+    if (!wanted_ || next_)
+        forgetInspectedBundle();
+    if (next_)
         launch(*std::exchange(next_, std::nullopt));
-    } else if (std::exchange(wanted_, false)) {
+    else if (std::exchange(wanted_, false))
         Q_EMIT finished(check);
-    }
 }
 
 } // namespace kf

@@ -30,7 +30,9 @@ Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std
 {
     auto bundle = readOnce(pkcs12, passphrase);
     if (!bundle) {
-        keychain::keepBundle(pkcs12, passphrase, bundle.failure());
+        // Others may be a moment's: no memory, say.
+        if (bundle.status() == errSecPkcs12VerifyFailure)
+            keychain::keepBundle(pkcs12, passphrase, bundle.failure());
         return bundle.failure();
     }
     auto leaf = readCertificateFields(bundle->leaf.der);

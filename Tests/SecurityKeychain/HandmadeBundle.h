@@ -31,7 +31,9 @@ Bytes encoded(const T* object, int (*encode)(const T*, unsigned char**))
 }
 
 /// A certificate for `key`, which signs it too, whatever its issuer is said to be.
-inline Bytes certify(const std::string& subject, const std::string& issuer, EVP_PKEY* key)
+inline Bytes certify(
+    const std::string& subject, const std::string& issuer, EVP_PKEY* key,
+    const std::function<void(X509*)>& change = [](X509*) {})
 {
     const ScopedX509 certificate(X509_new());
     const auto name = [](X509_NAME* place, const std::string& commonName) {
@@ -44,6 +46,7 @@ inline Bytes certify(const std::string& subject, const std::string& issuer, EVP_
     ASN1_TIME_set(X509_getm_notBefore(certificate.get()), 0);
     ASN1_TIME_set(X509_getm_notAfter(certificate.get()), 2'000'000'000);
     X509_set_pubkey(certificate.get(), key);
+    change(certificate.get());
     EXPECT_GT(X509_sign(certificate.get(), key, EVP_sha256()), 0);
     return encoded(certificate.get(), i2d_X509);
 }
@@ -91,6 +94,18 @@ public:
     Handmade& certificate(const Bytes& der)
     {
         EXPECT_NE(PKCS12_add_cert(&bags_, decoded(der).get()), nullptr);
+        return *this;
+    }
+
+    /// What stands where a certificate should, as it is.
+    Handmade& certificateOctets(const Bytes& octets)
+    {
+        ASN1_STRING* const string = ASN1_STRING_type_new(V_ASN1_OTHER);
+        ASN1_STRING_set(string, octets.data(), static_cast<int>(octets.size()));
+        ASN1_TYPE* const raw = ASN1_TYPE_new();
+        ASN1_TYPE_set(raw, V_ASN1_OTHER, string);
+        bag(PKCS12_item_pack_safebag(raw, ASN1_ITEM_rptr(ASN1_ANY), NID_x509Certificate, NID_certBag));
+        ASN1_TYPE_free(raw);
         return *this;
     }
 

@@ -228,6 +228,63 @@ TEST_F(DamagedKey, AKeyOnACurveThatTheDatabaseLacksIsNotCalledDamaged)
         errSecUnsupportedKeyFormat);
 }
 
+// --- Certificates ---
+
+Bytes chainOf(const Bytes& octets)
+{
+    return Handmade().plainKey(rsa().privateKey).certificate(rsa().leaf).certificateOctets(octets).open();
+}
+
+TEST(BundleCertificate, OfTheChainIsReadWhereOpenSSLReadsItAndElseDamaged)
+{
+    const Bytes issuer = authority().issuer();
+    std::map<OSStatus, int> counts;
+    for (std::size_t place = 0; place < issuer.size(); ++place)
+        for (const std::uint8_t mask : {std::uint8_t{0x01}, std::uint8_t{0x20}, std::uint8_t{0x80}}) {
+            Bytes bent = issuer;
+            bent[place] ^= mask;
+            const unsigned char* next = bent.data();
+            const kf::ScopedX509 decoded(d2i_X509(nullptr, &next, static_cast<long>(bent.size())));
+            const bool isWhole =
+                decoded && static_cast<bool>(kf::readCertificateFields(kf::test::encoded(decoded.get(), i2d_X509)));
+            const OSStatus status = readBundle(chainOf(bent), secret(Handmade::passphrase)).status();
+            EXPECT_EQ(status, isWhole ? errSecSuccess : errSecDecode) << place << " ^ " << int{mask};
+            ++counts[status];
+        }
+    EXPECT_GT(counts[errSecSuccess], 100) << "in texts and numbers";
+    EXPECT_GT(counts[errSecDecode], 100);
+}
+
+TEST(BundleCertificate, WhatStandsBehindItIsNotImported)
+{
+    Bytes octets = authority().issuer();
+    octets.push_back(0);
+    const auto bundle = readBundle(chainOf(octets), secret(Handmade::passphrase));
+    ASSERT_TRUE(bundle) << bundle.status();
+    ASSERT_THAT(bundle->chain, SizeIs(1));
+    EXPECT_EQ(bundle->chain[0].der, authority().issuer());
+}
+
+TEST(BundleCertificate, OfTheKeyMayHaveExtensionsThatNobodyCanRead)
+{
+    const auto key = readKey(rsa().keyFile);
+    const kf::ScopedASN1_STRING garbage(ASN1_STRING_type_new(V_ASN1_OCTET_STRING));
+    ASN1_STRING_set(garbage.get(), "garbage", -1);
+    const Bytes certificate = certify("Ada", "nobody", key.get(), [&](X509* made) {
+        X509_EXTENSION* const usage = X509_EXTENSION_create_by_NID(nullptr, NID_key_usage, 1, garbage.get());
+        EXPECT_EQ(X509_set_version(made, X509_VERSION_3), 1);
+        EXPECT_EQ(X509_add_ext(made, usage, -1), 1);
+        X509_EXTENSION_free(usage);
+    });
+    EXPECT_EQ(statusOf(Handmade().plainKey(rsa().privateKey).certificate(certificate).open()), errSecSuccess);
+}
+
+TEST(BundleCertificate, OfTheKeysModulusAndAnotherExponentIsNotTheKeys)
+{
+    const Bytes certificate = certify("Ada", "nobody", bentRSA(OSSL_PKEY_PARAM_RSA_E).get());
+    EXPECT_EQ(statusOf(Handmade().plainKey(rsa().privateKey).certificate(certificate).open()), errSecNoCertificate);
+}
+
 TEST(BundleKey, BelongsToTheCertificateOfItsPointInTheShortFormToo)
 {
     const auto key = readKey(ada().keyFile);

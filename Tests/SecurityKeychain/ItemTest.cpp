@@ -582,6 +582,9 @@ TEST_F(Items, AttributesReadWhatTheCertificateSays)
             std::snprintf(digits, sizeof digits, "%02X", static_cast<unsigned char>(byte));
             serial += digits;
         }
+        // A number's octets may begin with one that only tells its sign.
+        if (constexpr std::size_t at = 7; serial.substr(at, 2) == "00")
+            serial.erase(at, 2);
         EXPECT_EQ(
             kf::test::mustRun({"openssl", "x509", "-noout", "-serial", "-in", rsaMember().certFile}), serial + "\n");
     }

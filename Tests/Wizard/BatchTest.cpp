@@ -531,6 +531,10 @@ TEST_F(Batch, WarnsOfAnImpostorInAKeychain)
     mustRun({"certutil", "-N", "--empty-password", "-d", keychain()});
     mustRun({"certutil", "-A", "-n", "impostor", "-t", ",,", "-i", institution().rootFile(), "-d", keychain()});
     EXPECT_THAT(batch().output, HasSubstr("keyfold: warning: A keychain holds an authority that calls itself"));
+    const auto wrong = home_.path() / "wrong";
+    kf::test::writeFile(wrong, std::string_view("wrong\n"));
+    EXPECT_THAT(keyfold({"--batch", "--login", "ada", "--pkcs12", bundle_.file, "--passphrase-file", wrong}).output,
+        HasSubstr("keyfold: warning: A keychain holds an authority that calls itself"));
 }
 
 /// The examples of docs/batch.md, run as they stand there.

@@ -41,7 +41,8 @@ std::optional<DERElement> DERReader::next()
 std::optional<DERElement> DERReader::next(int universalTag)
 {
     const auto element = peek();
-    if (!element || !element->is(universalTag))
+    const bool isList = universalTag == der::sequence || universalTag == der::set;
+    if (!element || !element->is(universalTag) || (isList && !element->constructed))
         return std::nullopt;
     skip(*element);
     return element;

@@ -40,7 +40,8 @@ public:
     bool atEnd() const noexcept { return rest_.empty(); }
     /// The next element; nothing at the end and where the bytes are no DER.
     std::optional<DERElement> next();
-    /// The next element where it has this universal tag; else nothing, and the reader stays.
+    /// The next element where it has this universal tag, and is made of elements where it is a list; else nothing, and
+    /// the reader stays.
     std::optional<DERElement> next(int universalTag);
     /// The next element where it has this context-specific tag; else nothing, and the reader stays.
     std::optional<DERElement> nextContext(int contextTag);

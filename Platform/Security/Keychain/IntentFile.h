@@ -9,7 +9,7 @@
 //     make                          or "remove"
 //     certificate DIGEST            and "privateKey", "trust": SHA-256, hexadecimal
 //     end                           until here it is written at once, before anything else is
-//     made certificate DIGEST       one line after each object, or "found"
+//     made certificate DIGEST       one line after each object but the last, or "found"
 //     withdrawn                     what was made is about to go again
 //
 // The list is cut where its writer died writing it: nothing had been made then.

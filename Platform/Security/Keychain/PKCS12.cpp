@@ -236,6 +236,53 @@ Bytes certificateIn(const PKCS12_SAFEBAG* bag)
     return certificate ? Bytes(certificate->whole.begin(), certificate->whole.end()) : Bytes();
 }
 
+bool isReadable(const std::optional<DERElement>& element, const ASN1_ITEM* item)
+{
+    if (!element)
+        return false;
+    const unsigned char* place = element->whole.data();
+    ASN1_VALUE* const value = ASN1_item_d2i(nullptr, &place, static_cast<long>(element->whole.size()), item);
+    const bool isRead = value && place == element->whole.data() + element->whole.size();
+    ASN1_item_free(value, item);
+    return isRead;
+}
+
+bool isReadableIfThere(const std::optional<DERElement>& wrapped, const ASN1_ITEM* item)
+{
+    return !wrapped || (wrapped->constructed && isReadable(DERReader(wrapped->content).next(), item));
+}
+
+/// Takes a BIT STRING that bears another tag; false where it is none.
+bool skipsIdentifier(DERReader& reader, int tag)
+{
+    const auto identifier = reader.nextContext(tag);
+    return !identifier || !identifier->constructed;
+}
+
+/// Whether OpenSSL can read what readCertificateFields() passes over, but for the key inside the public key.
+bool isWhole(Span der)
+{
+    DERReader parts(DERReader(der).next()->content);
+    DERReader fields(parts.next()->content);
+    const auto version = fields.nextContext(0);
+    const auto serial = fields.next();
+    const auto signedWith = fields.next();
+    fields.next(); // the issuer
+    const auto validity = fields.next();
+    fields.next(); // the subject
+    DERReader publicKey(fields.next()->content);
+    if (!skipsIdentifier(fields, 1) || !skipsIdentifier(fields, 2))
+        return false;
+    const auto extensions = fields.nextContext(3);
+    return isReadableIfThere(version, ASN1_ITEM_rptr(ASN1_INTEGER)) && isReadable(serial, ASN1_ITEM_rptr(ASN1_INTEGER))
+        && isReadable(signedWith, ASN1_ITEM_rptr(X509_ALGOR)) && isReadable(validity, ASN1_ITEM_rptr(X509_VAL))
+        && isReadable(publicKey.next(), ASN1_ITEM_rptr(X509_ALGOR))
+        && isReadable(publicKey.next(), ASN1_ITEM_rptr(ASN1_BIT_STRING))
+        && isReadableIfThere(extensions, ASN1_ITEM_rptr(X509_EXTENSIONS))
+        && isReadable(parts.next(), ASN1_ITEM_rptr(X509_ALGOR))
+        && isReadable(parts.next(), ASN1_ITEM_rptr(ASN1_BIT_STRING));
+}
+
 ScopedX509_NAME decodeName(Span der)
 {
     const unsigned char* place = der.data();
@@ -377,7 +424,7 @@ private:
             return Failure{errSecDataTooLarge};
         Bytes der = certificateIn(bag);
         auto fields = readCertificateFields(der);
-        if (!fields)
+        if (!fields || !isWhole(der))
             return Failure{errSecDecode};
         auto subject = decodeName(fields->subject);
         auto issuer = decodeName(fields->issuer);

@@ -21,10 +21,10 @@ struct Bundle {
 inline constexpr std::size_t mostBundleCertificates = 64;
 inline constexpr std::size_t mostBundleKeys = 8;
 
-/// Reads a bundle and proves that its key belongs to its certificate. `passphrase`
-/// is UTF-8; an empty one is a pass phrase too. Takes seconds where the bundle's
-/// iteration counts are high. A bundle without MAC is taken: the pass phrase is
-/// proven by what it opens. Errors: those of SecKeychainItemImport.
+/// Reads a bundle and proves that its key's numbers belong together and to its certificate; that an RSA key's primes
+/// are prime is taken on trust. `passphrase` is UTF-8; an empty one is a pass phrase too. Takes seconds where the
+/// bundle's iteration counts are high. A bundle without MAC is taken: the pass phrase is proven by what it opens.
+/// Errors: those of SecKeychainItemImport.
 Result<Bundle> readBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase);
 
 } // namespace kf::keychain
