@@ -37,8 +37,7 @@ ScopedX509 decodeCertificate(std::span<const std::uint8_t> der)
 {
     X509* decoded = X509_new_ex(libraryContext(), nullptr);
     const unsigned char* place = der.data();
-    // Whatever it returns: where the bytes are no certificate, it frees what it was given; where they are one with
-    // extensions that it cannot read, it leaves that.
+    // Where it fails, it frees what it was given, and leaves null.
     if (decoded)
         d2i_X509(&decoded, &place, static_cast<long>(der.size()));
     return ScopedX509(decoded);
