@@ -27,4 +27,3 @@ endif()
 
 # One place for everything that is built to run, so that programs find libraries and the bundle.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")

@@ -9,6 +9,12 @@ endfunction()
 # them finds them by their own place.
 set(KEYFOLD_LIBRARY_FOLDER "lib/${CMAKE_LIBRARY_ARCHITECTURE}/keyfold")
 
+# The build folder is laid out as what is installed, so that programs find libraries there in the same way. CMake would
+# else keep room for the installed place in each program with colons, and an empty entry means the current folder.
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/${KEYFOLD_LIBRARY_FOLDER}")
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${KEYFOLD_LIBRARY_FOLDER}") # of programs
+
 # keyfold_shared_library(NAME COMPONENT HEADERS): a library that programs and bundles share, installed by the package
 # COMPONENT. HEADERS is the folder above the one that its headers are included from.
 function(keyfold_shared_library name component headers)

@@ -46,6 +46,8 @@ for page in keyfold security; do
 done
 refuse "what outlives the package needs the C library alone" sh -c \
     'ldd /usr/libexec/keyfold/keyfold-unpublish | grep -vE "linux-vdso|libc\.so|ld-linux"'
+refuse "what root starts looks for libraries where the system does, and nowhere else" sh -c \
+    'readelf -d /usr/libexec/keyfold/* | grep -E "R(UN)?PATH"'
 
 # A fresh user without administrator rights.
 as_user="setpriv --reuid erin --regid erin --init-groups env -i HOME=/home/erin PATH=/usr/bin:/bin"
