@@ -341,7 +341,11 @@ SecretBytes SignInPane::passphrase() const
 
 void SignInPane::didExitPane(NSInteger)
 {
-    passphraseField_->clear();
+    {
+        // The bundle is still wanted: the next page imports it.
+        const QSignalBlocker blocker(passphraseField_);
+        passphraseField_->clear();
+    }
     showButton_->setChecked(false);
     pause_.stop();
     check_.reset();

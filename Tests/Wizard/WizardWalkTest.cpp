@@ -1,5 +1,6 @@
 // The whole wizard, as a person goes through it, down to what is stored.
 
+#include "Security/Keychain/KeptBundle.h"
 #include "Tests/Wizard/WalkFixture.h"
 #include "keyfold/BatchPresenter.h"
 
@@ -36,6 +37,21 @@ TEST_F(Walk, FromSignInToTheEndTheCertificateIsInTheKeychain)
     const std::string listed = mustRun({"certutil", "-L", "-d", keychain()});
     EXPECT_NE(listed.find("u,u,u"), std::string::npos) << listed;
     EXPECT_NE(listed.find("Orvane Certification Authority"), std::string::npos) << listed;
+}
+
+TEST_F(Walk, WhatSignInHasReadIsNotReadAgain)
+{
+    using kf::keychain::asBytes;
+    const Bundle grace = institution().issue({.commonName = "Grace Example"});
+    open();
+    signIn(bundle());
+    kf::keychain::keepBundle(bundle().pkcs12, asBytes(bundle().passphrase),
+        kf::keychain::readBundle(grace.pkcs12, asBytes(grace.passphrase)));
+    press("nextButton");
+    ASSERT_EQ(state("personalStatus"), 1);
+    kf::keychain::closeAll();
+    const std::string listed = mustRun({"certutil", "-L", "-d", keychain()});
+    EXPECT_NE(listed.find("Grace Example"), std::string::npos) << listed;
 }
 
 TEST_F(Walk, TheStoredKeyCanBeExportedAgain)
