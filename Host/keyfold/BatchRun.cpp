@@ -188,7 +188,7 @@ int runBatch(const CommandLine& line, char* program)
     // any. And before there is a second thread, which reads the environment.
     qputenv("QT_QPA_PLATFORM", line.pictureFile.empty() ? "minimal" : "offscreen");
 
-    // Beside Qt's start, which takes as long. The keychains wait: their libraries, too, are loaded one after the other.
+    // Beside Qt's start, which takes as long.
     const BundleRequest request{
         line.login, line.pkcs12File, bytesOf(inputs->passphrase), shippedAuthority(bundlePathOf(line))};
     std::packaged_task<BundleLook()> task([&, base64 = inputs->pkcs12] { return lookAtBundle(base64, request); });

@@ -16,19 +16,12 @@ bool goesBy(const CertificateFields& fields, const std::string& alias)
     return !alias.empty() && (fields.commonName == alias || std::ranges::count(fields.emailAddresses, alias) > 0);
 }
 
-Result<keychain::Bundle> readOnce(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase)
-{
-    if (auto kept = keychain::takeKeptBundle(pkcs12, passphrase))
-        return std::move(*kept);
-    return keychain::readBundle(pkcs12, passphrase);
-}
-
 } // namespace
 
 Result<BundleInspection> inspectBundle(std::span<const std::uint8_t> pkcs12, std::span<const std::uint8_t> passphrase,
     std::span<const std::uint8_t> authority)
 {
-    auto bundle = readOnce(pkcs12, passphrase);
+    auto bundle = keychain::readBundleOnce(pkcs12, passphrase);
     if (!bundle) {
         // Others may be a moment's: no memory, say.
         if (bundle.status() == errSecPkcs12VerifyFailure)

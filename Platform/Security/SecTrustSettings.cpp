@@ -1,7 +1,7 @@
 #include "Foundation/NSNumber.h"
 #include "Security/Authorization/Backend.h"
+#include "Security/Certificate/LibraryContext.h"
 #include "Security/Keychain/Index.h"
-#include "Security/ScopedOpenSSL.h"
 #include "Security/SecKeychainSearch.h"
 #include "Security/SecTrust.h"
 #include "Security/Trust/AdminDomain.h"
@@ -25,8 +25,7 @@ bool isSelfSigned(const ParsedCertificate& certificate)
     if (!certificate.fields || !std::ranges::equal(certificate.fields->issuer, certificate.fields->subject))
         return false;
     const OpenSSLErrorMark mark;
-    const unsigned char* position = certificate.der.data();
-    const ScopedX509 x509(d2i_X509(nullptr, &position, static_cast<long>(certificate.der.size())));
+    const ScopedX509 x509 = decodeCertificate(certificate.der);
     return x509 && X509_self_signed(x509.get(), 1) == 1;
 }
 

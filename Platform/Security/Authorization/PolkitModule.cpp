@@ -1,7 +1,6 @@
 #include "Security/Authorization/PolkitModule.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <iterator>
@@ -110,8 +109,8 @@ public:
         return true;
     }
 
-    /// `givenUp` becomes readable when the question is given up.
-    OSStatus wait(int givenUp)
+    /// `cancellation` becomes readable when the question is given up.
+    OSStatus wait(int cancellation)
     {
         while (!status_) {
             const int done = sd_bus_process(bus_.get(), nullptr);
@@ -121,7 +120,7 @@ public:
                 continue;
             if (givenUp_ && Clock::now() > *givenUp_ + patience)
                 return errAuthorizationCanceled;
-            poll(givenUp);
+            poll(cancellation);
         }
         // polkit answers to a cancellation as to a refusal.
         return givenUp_ && *status_ != errAuthorizationSuccess ? errAuthorizationCanceled : *status_;
@@ -158,11 +157,11 @@ private:
     }
 
     /// Waits for the bus, and passes on that the request is given up.
-    void poll(int givenUp)
+    void poll(int cancellation)
     {
         constexpr int whileGivenUp = 100;
         pollfd entries[] = {{sd_bus_get_fd(bus_.get()), static_cast<short>(sd_bus_get_events(bus_.get())), 0},
-            {givenUp_ ? -1 : givenUp, POLLIN, 0}};
+            {givenUp_ ? -1 : cancellation, POLLIN, 0}};
         int limit = givenUp_ ? whileGivenUp : -1;
         std::uint64_t due = UINT64_MAX;
         if (sd_bus_get_timeout(bus_.get(), &due) > 0 && due != UINT64_MAX) {

@@ -53,9 +53,7 @@ Result<Bundle> readImportedData(const Ref<NSData>& data, const SecKeyImportExpor
     const auto passphrase = secretUTF8(*parameters.passphrase);
     if (!passphrase)
         return Failure{errSecParam};
-    if (auto kept = takeKeptBundle(data->span(), *passphrase))
-        return std::move(*kept);
-    return readBundle(data->span(), *passphrase);
+    return readBundleOnce(data->span(), *passphrase);
 }
 
 } // namespace

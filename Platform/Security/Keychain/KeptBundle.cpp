@@ -49,6 +49,13 @@ std::optional<Result<Bundle>> takeKeptBundle(
     return std::move(kept->bundle);
 }
 
+Result<Bundle> readBundleOnce(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase)
+{
+    if (auto kept = takeKeptBundle(data, passphrase))
+        return std::move(*kept);
+    return readBundle(data, passphrase);
+}
+
 void forgetKeptBundle() { place().exchange(std::nullopt); }
 
 } // namespace kf::keychain

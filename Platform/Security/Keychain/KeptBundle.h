@@ -14,6 +14,9 @@ void keepBundle(std::span<const std::uint8_t> data, std::span<const std::uint8_t
 std::optional<Result<Bundle>> takeKeptBundle(
     std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase);
 
+/// As readBundle(), from what is kept where that is it. Nothing is kept afterwards. Any thread.
+Result<Bundle> readBundleOnce(std::span<const std::uint8_t> data, std::span<const std::uint8_t> passphrase);
+
 /// Wipes what is kept. Any thread.
 void forgetKeptBundle();
 
